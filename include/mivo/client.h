@@ -1,0 +1,97 @@
+// The client: connects to a server, calls its methods by name, and serves calls that the server makes.
+#ifndef MIVO_CLIENT_H_
+#define MIVO_CLIENT_H_
+
+#include <mivo/export.h>
+
+class IMethodAll;
+class IServerMethod;
+class MIVOParams;
+
+// A connection to one server.
+//
+// Threads: every operation may be called from any thread, also from several at once, from handlers and from the
+//   "s_c_closed" notice; only destruction must not race with other operations. On the client's own loop thread (that
+//   notice) a call never waits: it is sent, and comes back with "errorCode" -1001.
+// Blocking: Init*, SendMsg*, PostMsg* and close block as told at each. Every one of them returns: at the latest when its
+//   time-out has passed, the connection has ended, or the client is closed.
+// Call key: a non-zero `key` names the call; 0 means the calling thread's id. Two calls in flight at one time should not
+//   share a key.
+// Replies: a set returned by a call belongs to the client and stays valid until the next call with the same key starts,
+//   ClearRetvalMem, or destruction. Do not delete it. The one exception is a set holding "errorCode" that the client
+//   made itself (-1000 not connected, nothing was sent; -1001 no reply came, whether the call was carried out is
+//   unknown): it is the caller's to delete.
+class MIVO_EXPORT IClient {
+ public:
+  virtual ~IClient() = default;
+
+  // Connects to the local socket "/tmp/echo.sock." + `name` and checks the server's version; true when both succeeded.
+  // Blocks until then: the version check for at most about 10 s. `threaded` is accepted and ignored: a client always
+  // runs its loop on a thread of its own. On a connected client nothing happens and the result is true. After a failure
+  // or a close the client can be initialised again. False on the client's own loop thread and in one of its handlers.
+  virtual bool InitMIVOClient(const char* name, bool threaded) = 0;
+
+  // The same over TCP. `host` is a numeric address; `port` is read as a decimal number. An address that is not one
+  // leaves 0.0.0.0 (or ::), which reaches the local host. Blocks as long as the kernel tries to connect.
+  virtual bool InitMIVOClientTcp4(const char* host, const char* port, bool threaded) = 0;
+  virtual bool InitMIVOClientTcp6(const char* host, const char* port, bool threaded) = 0;
+
+  // True from a successful connect until the connection ends or is closed.
+  virtual bool isok() = 0;
+
+  // Accepted for symmetry with the server; a client looks for expired calls every 100 ms whatever is set here.
+  virtual void SetTimeoutStep(int ms) = 0;
+
+  // Ends the connection: wakes every blocked call, deletes the registered handlers (see SetCustomReleaseEvent), waits
+  // for running handlers and for the loop thread. Takes at least 100 ms. May be repeated. In a handler or notice of this
+  // client it only begins the close and returns; a later close or DestroyClient waits for its end.
+  virtual void close() = 0;
+
+  // Calls `name` and waits for the reply; never null. `params` (null: no arguments) is only read. `timeout` is in
+  // milliseconds and is looked at every 100 ms, first 500 ms after connecting; 0 waits without limit.
+  // At most one SendMsg or PostMsg runs at a time in the whole process; SendMsgFast has no such limit and is the one to
+  // use from handlers.
+  virtual MIVOParams* SendMsg(const char* name, MIVOParams* params, int key, int timeout) = 0;
+  virtual MIVOParams* SendMsgFast(const char* name, MIVOParams* params, int key, int timeout) = 0;
+
+  // The same for arguments and results of any size, which travel in slices. `params` is emptied (unless the client was
+  // not connected). One SendMsgEx runs at a time in the process. A result that comes after its call has timed out may be
+  // taken for the result of the next SendMsgEx with the same key: give such calls keys of their own.
+  virtual MIVOParams* SendMsgEx(const char* name, MIVOParams* params, int key, int timeout) = 0;
+
+  // Sends a call nobody waits for and returns 0 once it was handed to the kernel (or was dropped because there is no
+  // connection). Posts and calls of one thread keep their order. PostMsgFast does not queue behind a running SendMsg.
+  virtual int PostMsg(const char* name, MIVOParams* params, int key) = 0;
+  virtual int PostMsgFast(const char* name, MIVOParams* params, int key) = 0;
+
+  // Registers a handler for calls from the server. The first registration of a name stays; a second one is ignored and
+  // its handler remains the caller's. "s_c_closed" names the notice of the connection's end.
+  virtual void method(const char* name, IServerMethod* handler) = 0;
+
+  // Takes ownership of a catch-all handler. A client never calls it.
+  virtual void methodall(IMethodAll* handler) = 0;
+
+  // Sets the level of the diagnostic lines: above 0 (as at construction) they appear on standard output, else only the
+  // error lines do. The text is not printed. 1 if the text is not empty, else 0.
+  virtual int log(char* text, int level) = 0;
+
+  // From now on the application keeps its handlers: closing the client does not delete them.
+  virtual void SetCustomReleaseEvent() = 0;
+
+  // The slice size of SendMsgEx in bytes, 32768 at first; one value for every client and server of the process.
+  // A value below 1 is kept as it is but sends slices of 32768.
+  virtual void SetBigfileBufferSize(int bytes) = 0;
+  virtual int GetBigfileBufferSize() = 0;
+
+  // Frees every stored reply, also those that calls have returned.
+  virtual void ClearRetvalMem() = 0;
+};
+
+// A new client, not connected.
+MIVO_EXPORT IClient* CreateClient();
+
+// Closes and deletes; null is ignored. From a handler or notice of that client the deletion happens behind its back, on
+// another thread, after the handler has returned.
+MIVO_EXPORT void DestroyClient(IClient* client);
+
+#endif  // MIVO_CLIENT_H_

@@ -1,0 +1,105 @@
+// The server: offers methods by name to any number of clients, and calls theirs.
+#ifndef MIVO_SERVER_H_
+#define MIVO_SERVER_H_
+
+#include <mivo/export.h>
+
+class IMethodAll;
+class IServerMethod;
+class MIVOParams;
+
+// One listening socket, its connections and its handlers.
+//
+// Threads: every operation may be called from any thread, from handlers and from notices; only destruction must not race
+//   with other operations. Init* serves on a thread of the server's own; Start* and run() serve on the caller's.
+// Call key: as for IClient.
+// Replies: a set returned by SendMsg belongs to the server and stays valid until the next call with the same key,
+//   ClearRetvalMem, or destruction. Do not delete it.
+// Notices: handlers registered as "s_c_connect", "s_c_closed" (a client came, went; its id is passed) and
+//   "s_c_createport" (listening began; one string: the socket name or port text) run on the loop thread. A handler
+//   registered as "s_c_log" gets every diagnostic line, as one string, in place of standard output.
+//
+// The operations stand in this order, the destructor last: the order of the virtual table is part of the interface.
+class MIVO_EXPORT IServer {
+ public:
+  // Listens on the local socket "/tmp/echo.sock." + `name` (mode 0777), replacing a socket file that is there; true when
+  // listening. Serving begins with run(). False when the server already runs.
+  virtual bool StartMIVOServer(const char* name) = 0;
+
+  // Listens on the local socket named by the number in `port` and serves on a thread of its own; blocks until listening
+  // succeeded or failed. "007" listens as "7", a text that is no number as "0".
+  virtual bool InitMIVOServer(const char* port) = 0;
+
+  // The same over TCP. `ip` is a numeric address of this machine; a text that is not one listens on every address.
+  virtual bool StartMIVOServerTcp4(const char* ip, const char* port) = 0;
+  virtual bool StartMIVOServerTcp6(const char* ip, const char* port) = 0;
+  virtual bool InitMIVOServerTcp4(const char* ip, const char* port) = 0;
+  virtual bool InitMIVOServerTcp6(const char* ip, const char* port) = 0;
+
+  // Serves on the calling thread until the server is closed; always true. Without a successful Start* it returns at once.
+  virtual bool run() = 0;
+
+  // How often, in milliseconds, calls to clients are tested against their time-outs; below 1 means 100.
+  virtual void SetTimeoutStep(int ms) = 0;
+
+  // True while the server serves: from a successful Start* or Init* until it closes.
+  virtual bool isok() = 0;
+
+  // Closes: no new work, connections ended, calls to clients woken, handlers deleted (see SetCustomReleaseEvent). On the
+  // thread that serves, and when none does, it happens at once; on any other it is handed there and waited for. In a
+  // handler it only begins. Always true.
+  virtual bool close() = 0;
+
+  // Asks the serving thread to close and returns after about 10 ms without waiting for the end. Always true.
+  virtual bool closeasync() = 0;
+
+  // Calls `name` of one connected client and waits for the reply. Null when the server does not run or the client is
+  // unknown (nothing was sent), or when no reply came within `timeout` ms; a reply stored earlier under the same key is
+  // returned in its place. Time-outs are looked at every time-out step, first 500 ms after the server's first call; 0
+  // ends at the next look. On the loop thread the call is sent and not waited for.
+  virtual MIVOParams* SendMsg(int clientId, const char* name, MIVOParams* params, int key, int timeout) = 0;
+
+  // Sends a call nobody waits for; returns 0 once it was handed to the kernel or dropped.
+  virtual int PostMsg(int clientId, const char* name, MIVOParams* params, int key) = 0;
+
+  // Sets the level of the diagnostic lines, as IClient::log. No file is opened.
+  virtual int log(char* path, int level) = 0;
+
+  // Registers a handler. The last registration of a name is the one called; a handler that was replaced is the
+  // application's again. "s_c_log" sets (or, with null, removes) the receiver of the diagnostic lines, which the server
+  // never deletes.
+  virtual void method(const char* name, IServerMethod* handler) = 0;
+
+  // Sets the handler for names without one. A handler that was replaced is the application's again.
+  virtual void methodall(IMethodAll* handler) = 0;
+
+  // The number in the text the server was started with. A port chosen by the system (text "0") is not read back.
+  virtual int GetPort() = 0;
+
+  // How many connections have ever delivered data, or their end, since the server was started. It does not fall.
+  virtual int GetClientCount() = 0;
+
+  // True once an Init* operation was called.
+  virtual bool isthread() = 0;
+
+  // From now on the application keeps its handlers: closing the server does not delete them.
+  virtual void SetCustomReleaseEvent() = 0;
+
+  // The slice size of large results, see IClient::SetBigfileBufferSize.
+  virtual void SetBigfileBufferSize(int bytes) = 0;
+
+  // Frees every stored reply, also those that calls have returned.
+  virtual void ClearRetvalMem() = 0;
+
+  virtual ~IServer() = default;
+};
+
+// A new server, not listening.
+MIVO_EXPORT IServer* CreateServer();
+
+// Closes, waits for running handlers and for the serving thread to leave, and deletes; null is ignored. From a handler
+// or notice of that server the deletion happens behind its back, on another thread, after the handler has returned.
+// Handlers of a server that never ran are not deleted.
+MIVO_EXPORT void DestroyServer(IServer* server);
+
+#endif  // MIVO_SERVER_H_
