@@ -1,0 +1,79 @@
+#include "support/transport.h"
+
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <stdexcept>
+
+namespace mivo_test {
+namespace {
+
+constexpr int kFirstPort = 10000;
+constexpr int kPortCount = 22000;
+
+// Bound on both families without address reuse, so that it fails where anybody has the port; reusable only afterwards,
+// so that the server under test can bind beside it.
+bool Reserve(int port) {
+  const int reservation = socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (reservation < 0) throw std::runtime_error("no IPv6 socket to reserve a port with");
+  const int off = 0;
+  setsockopt(reservation, IPPROTO_IPV6, IPV6_V6ONLY, &off, sizeof off);
+  sockaddr_in6 any{};
+  any.sin6_family = AF_INET6;
+  any.sin6_port = htons(static_cast<in_port_t>(port));
+  if (bind(reservation, reinterpret_cast<const sockaddr*>(&any), sizeof any) != 0) {
+    close(reservation);
+    return false;
+  }
+  const int on = 1;
+  setsockopt(reservation, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+  return true;
+}
+
+}  // namespace
+
+const char* Name(Transport transport) {
+  switch (transport) {
+    case Transport::Tcp4:
+      return "Tcp4";
+    case Transport::Tcp6:
+      return "Tcp6";
+    case Transport::Local:
+      break;
+  }
+  return "Local";
+}
+
+std::string UniqueSocketName() {
+  static std::atomic<int> counter{0};
+  return std::to_string(getpid() % 200000 * 10000 + counter++ % 10000);
+}
+
+std::string SocketPath(const std::string& name) {
+  return "/tmp/echo.sock." + name;
+}
+
+int FreePort(Transport) {
+  static std::atomic<int> next{getpid() * 7919 % kPortCount};
+  for (int tries = 0; tries < kPortCount; ++tries) {
+    const int port = kFirstPort + next++ % kPortCount;
+    if (Reserve(port)) return port;
+  }
+  throw std::runtime_error("no free port");
+}
+
+Address FreeAddress(Transport transport) {
+  switch (transport) {
+    case Transport::Tcp4:
+      return {transport, "127.0.0.1", std::to_string(FreePort(transport))};
+    case Transport::Tcp6:
+      return {transport, "::1", std::to_string(FreePort(transport))};
+    case Transport::Local:
+      break;
+  }
+  return {transport, "", UniqueSocketName()};
+}
+
+}  // namespace mivo_test

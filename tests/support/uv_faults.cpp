@@ -1,0 +1,230 @@
+#include "support/uv_faults.h"
+
+#include <dlfcn.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <uv.h>
+
+#include <cerrno>
+#include <map>
+#include <mutex>
+
+namespace mivo_test {
+namespace {
+
+struct Plan {
+  bool armed = false;
+  int first = 0;
+  int count = 0;
+  int error = 0;
+  int calls = 0;
+  int failures = 0;
+  std::vector<std::chrono::steady_clock::time_point> times;
+};
+
+// Never destroyed: loop threads may still call at exit.
+std::mutex& Lock() {
+  static auto* const lock = new std::mutex;
+  return *lock;
+}
+
+Plan& PlanOf(Fault fault) {
+  static auto* const plans = new Plan[static_cast<std::size_t>(Fault::kCount)];
+  return plans[static_cast<std::size_t>(fault)];
+}
+
+// The error this call has to return; 0: it goes through.
+int ErrorOfThisCall(Fault fault) {
+  std::lock_guard<std::mutex> lock(Lock());
+  Plan& plan = PlanOf(fault);
+  if (!plan.armed) return 0;
+  ++plan.calls;
+  plan.times.push_back(std::chrono::steady_clock::now());
+  if (plan.calls < plan.first || plan.calls >= plan.first + plan.count) return 0;
+  ++plan.failures;
+  return plan.error;
+}
+
+template <typename Function>
+Function Real(const char* name) {
+  return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
+}
+
+// The callbacks that listeners were given, so that they can be called with an error.
+std::map<uv_stream_t*, uv_connection_cb>& ConnectionCallbacks() {
+  static auto* const callbacks = new std::map<uv_stream_t*, uv_connection_cb>;
+  return *callbacks;
+}
+
+void OnConnection(uv_stream_t* listener, int status) {
+  uv_connection_cb callback = nullptr;
+  {
+    std::lock_guard<std::mutex> lock(Lock());
+    callback = ConnectionCallbacks()[listener];
+  }
+  const int error = ErrorOfThisCall(Fault::kListenerError);
+  if (error != 0) callback(listener, error);
+  callback(listener, status);
+}
+
+}  // namespace
+
+ScopedFault::ScopedFault(Fault fault, int first, int count, int error) : fault_(fault) {
+  std::lock_guard<std::mutex> lock(Lock());
+  PlanOf(fault_) = Plan{true, first, count, error, 0, 0, {}};
+}
+
+ScopedFault::~ScopedFault() {
+  std::lock_guard<std::mutex> lock(Lock());
+  PlanOf(fault_) = Plan();
+}
+
+int ScopedFault::calls() const {
+  std::lock_guard<std::mutex> lock(Lock());
+  return PlanOf(fault_).calls;
+}
+
+int ScopedFault::failures() const {
+  std::lock_guard<std::mutex> lock(Lock());
+  return PlanOf(fault_).failures;
+}
+
+std::vector<std::chrono::steady_clock::time_point> ScopedFault::times() const {
+  std::lock_guard<std::mutex> lock(Lock());
+  return PlanOf(fault_).times;
+}
+
+}  // namespace mivo_test
+
+using mivo_test::ErrorOfThisCall;
+using mivo_test::Fault;
+using mivo_test::Real;
+
+extern "C" {
+
+int uv_loop_init(uv_loop_t* loop) {
+  static const auto real = Real<decltype(&uv_loop_init)>("uv_loop_init");
+  const int error = ErrorOfThisCall(Fault::kLoopInit);
+  return error != 0 ? error : real(loop);
+}
+
+int uv_pipe_init(uv_loop_t* loop, uv_pipe_t* handle, int ipc) {
+  static const auto real = Real<decltype(&uv_pipe_init)>("uv_pipe_init");
+  const int error = ErrorOfThisCall(Fault::kPipeInit);
+  return error != 0 ? error : real(loop, handle, ipc);
+}
+
+int uv_pipe_bind(uv_pipe_t* handle, const char* name) {
+  static const auto real = Real<decltype(&uv_pipe_bind)>("uv_pipe_bind");
+  const int error = ErrorOfThisCall(Fault::kPipeBind);
+  return error != 0 ? error : real(handle, name);
+}
+
+int uv_tcp_init(uv_loop_t* loop, uv_tcp_t* handle) {
+  static const auto real = Real<decltype(&uv_tcp_init)>("uv_tcp_init");
+  const int error = ErrorOfThisCall(Fault::kTcpInit);
+  return error != 0 ? error : real(loop, handle);
+}
+
+int uv_tcp_bind(uv_tcp_t* handle, const struct sockaddr* address, unsigned int flags) {
+  static const auto real = Real<decltype(&uv_tcp_bind)>("uv_tcp_bind");
+  const int error = ErrorOfThisCall(Fault::kTcpBind);
+  return error != 0 ? error : real(handle, address, flags);
+}
+
+int uv_listen(uv_stream_t* stream, int backlog, uv_connection_cb callback) {
+  static const auto real = Real<decltype(&uv_listen)>("uv_listen");
+  const int error = ErrorOfThisCall(Fault::kListen);
+  if (error != 0) return error;
+  {
+    std::lock_guard<std::mutex> lock(mivo_test::Lock());
+    mivo_test::ConnectionCallbacks()[stream] = callback;
+  }
+  return real(stream, backlog, mivo_test::OnConnection);
+}
+
+int uv_async_init(uv_loop_t* loop, uv_async_t* handle, uv_async_cb callback) {
+  static const auto real = Real<decltype(&uv_async_init)>("uv_async_init");
+  const int error = ErrorOfThisCall(Fault::kAsyncInit);
+  return error != 0 ? error : real(loop, handle, callback);
+}
+
+int uv_accept(uv_stream_t* server, uv_stream_t* client) {
+  static const auto real = Real<decltype(&uv_accept)>("uv_accept");
+  const int error = ErrorOfThisCall(Fault::kAccept);
+  if (error == 0) return real(server, client);
+  // The real function is made to fail, so that it leaves the listener as a failure leaves it: a stream that already has
+  // another descriptor cannot be opened.
+  const int descriptor = client->io_watcher.fd;
+  client->io_watcher.fd = 0x7FFFFFF0;
+  real(server, client);
+  client->io_watcher.fd = descriptor;
+  return error;
+}
+
+int uv_read_start(uv_stream_t* stream, uv_alloc_cb allocate, uv_read_cb read) {
+  static const auto real = Real<decltype(&uv_read_start)>("uv_read_start");
+  const int error = ErrorOfThisCall(Fault::kReadStart);
+  return error != 0 ? error : real(stream, allocate, read);
+}
+
+int uv_write(uv_write_t* request, uv_stream_t* stream, const uv_buf_t buffers[], unsigned int count,
+             uv_write_cb callback) {
+  static const auto real = Real<decltype(&uv_write)>("uv_write");
+  const int error = ErrorOfThisCall(Fault::kWrite);
+  return error != 0 ? error : real(request, stream, buffers, count, callback);
+}
+
+int uv_try_write(uv_stream_t* stream, const uv_buf_t buffers[], unsigned int count) {
+  static const auto real = Real<decltype(&uv_try_write)>("uv_try_write");
+  const int error = ErrorOfThisCall(Fault::kWrite);
+  return error != 0 ? error : real(stream, buffers, count);
+}
+
+int uv_queue_work(uv_loop_t* loop, uv_work_t* request, uv_work_cb work, uv_after_work_cb after) {
+  static const auto real = Real<decltype(&uv_queue_work)>("uv_queue_work");
+  const int error = ErrorOfThisCall(Fault::kQueueWork);
+  return error != 0 ? error : real(loop, request, work, after);
+}
+
+int uv_timer_init(uv_loop_t* loop, uv_timer_t* handle) {
+  static const auto real = Real<decltype(&uv_timer_init)>("uv_timer_init");
+  const int error = ErrorOfThisCall(Fault::kTimerInit);
+  return error != 0 ? error : real(loop, handle);
+}
+
+int uv_timer_start(uv_timer_t* handle, uv_timer_cb callback, uint64_t timeout, uint64_t repeat) {
+  static const auto real = Real<decltype(&uv_timer_start)>("uv_timer_start");
+  const int error = ErrorOfThisCall(Fault::kTimerStart);
+  return error != 0 ? error : real(handle, callback, timeout, repeat);
+}
+
+int uv_thread_create(uv_thread_t* thread, uv_thread_cb entry, void* argument) {
+  static const auto real = Real<decltype(&uv_thread_create)>("uv_thread_create");
+  const int error = ErrorOfThisCall(Fault::kThreadCreate);
+  return error != 0 ? error : real(thread, entry, argument);
+}
+
+int uv_thread_create_ex(uv_thread_t* thread, const uv_thread_options_t* options, uv_thread_cb entry, void* argument) {
+  static const auto real = Real<decltype(&uv_thread_create_ex)>("uv_thread_create_ex");
+  const int error = ErrorOfThisCall(Fault::kThreadCreate);
+  return error != 0 ? error : real(thread, options, entry, argument);
+}
+
+int chmod(const char* path, mode_t mode) noexcept {
+  static const auto real = Real<int (*)(const char*, mode_t)>("chmod");
+  const int error = ErrorOfThisCall(Fault::kChmod);
+  if (error == 0) return real(path, mode);
+  errno = -error;
+  return -1;
+}
+
+int chown(const char* path, uid_t owner, gid_t group) noexcept {
+  static const auto real = Real<int (*)(const char*, uid_t, gid_t)>("chown");
+  const int error = ErrorOfThisCall(Fault::kChown);
+  if (error == 0) return real(path, owner, group);
+  errno = -error;
+  return -1;
+}
+
+}  // extern "C"

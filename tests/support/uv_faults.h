@@ -1,0 +1,54 @@
+// Failure on demand. The test program defines some functions of libuv and of the C library itself, ahead of the real
+// ones, which they call; armed, a chosen call fails instead. Off until armed.
+#ifndef MIVO_TESTS_SUPPORT_UV_FAULTS_H_
+#define MIVO_TESTS_SUPPORT_UV_FAULTS_H_
+
+#include <chrono>
+#include <vector>
+
+namespace mivo_test {
+
+enum class Fault {
+  kLoopInit,
+  kPipeInit,
+  kPipeBind,
+  kTcpInit,
+  kTcpBind,
+  kListen,
+  kAsyncInit,
+  kAccept,  // the connection that was to be accepted is gone, as after a real failure
+  kReadStart,
+  kWrite,  // also uv_try_write, counted together
+  kQueueWork,
+  kTimerInit,
+  kTimerStart,
+  kThreadCreate,
+  kChmod,
+  kChown,
+  kListenerError,  // the connection callback is first called with the error, then as it would have been
+  kCount
+};
+
+// While it lives, calls number `first` to `first` + `count` - 1 of the function, counted from now on over the whole
+// process, fail with `error` (a libuv error code; for chmod and chown the negative errno).
+class ScopedFault {
+ public:
+  ScopedFault(Fault fault, int first, int count, int error);
+  ScopedFault(const ScopedFault&) = delete;
+  ScopedFault& operator=(const ScopedFault&) = delete;
+  ~ScopedFault();
+
+  // How many calls were made, failed or not, and how many failed.
+  int calls() const;
+  int failures() const;
+
+  // When each call was made.
+  std::vector<std::chrono::steady_clock::time_point> times() const;
+
+ private:
+  const Fault fault_;
+};
+
+}  // namespace mivo_test
+
+#endif  // MIVO_TESTS_SUPPORT_UV_FAULTS_H_
