@@ -28,7 +28,7 @@ class DecodeSink {
   virtual void OnPositional(const Scalar& value) = 0;
 
   // A pair, at the top level or inside a list map, names `key`: whatever the top level held under that key is gone, but
-  // an entry that existed stays, without a value until OnKeyed gives it one.
+  // an entry that existed stays, without a value until OnKeyed gives it one. If OnKeyed comes, it comes next.
   virtual void OnKey(std::string_view key) = 0;
   virtual void OnKeyed(std::string_view key, const Scalar& value) = 0;
 
@@ -42,12 +42,12 @@ class DecodeSink {
   virtual void OnListMapEnd() = 0;
 };
 
-// Reads one whole encoding, from its first byte on: records carry their own absolute offsets, so a part of an encoding does
-// not decode. Returns true when the end was reached without a fault, false at the first fault; what was reported until then
-// stands.
+// Reads one whole encoding, from its first byte on: records carry their own absolute offsets, so a part of an encoding
+// does not decode. Returns true when the end was reached without a fault, false at the first fault; what was reported
+// until then stands.
 //
-// Total: any bytes of any length are safe. Reads nothing outside `bytes`, allocates nothing, does not recurse, and takes
-// time linear in the bytes, whatever lengths and counts they announce. An exception of the sink's passes through.
+// Total: any bytes of any length are safe. Reads nothing outside `bytes`, allocates nothing, does not recurse, and
+// takes time linear in the bytes, whatever lengths and counts they announce. An exception of the sink's passes through.
 bool Decode(std::string_view bytes, DecodeSink& sink);
 
 }  // namespace mivo

@@ -8,11 +8,10 @@
 
 namespace mivo {
 
-// Appends records of the parameter encoding in place. The start of `out` is the start of the encoding: every scalar record
-// ends in a stamp that says where in `out` it stands, so bytes encoded elsewhere cannot be appended.
+// Appends records of the parameter encoding in place. The start of `out` is the start of the encoding: every scalar
+// record ends in a stamp that says where in `out` it stands, so bytes encoded elsewhere cannot be appended.
 //
-// Growth is amortised; a caller that knows the total reserves it first with the sizes below. Texts may view `out` itself.
-// When memory runs out, `out` is left as it was and std::bad_alloc (std::length_error) is thrown.
+// Texts may view `out` itself. An operation that runs out of memory throws std::bad_alloc and leaves `out` as it was.
 
 inline constexpr std::size_t kIntRecordSize = 9;
 inline constexpr std::size_t kBoolRecordSize = 6;
@@ -28,6 +27,9 @@ constexpr std::size_t StreamRecordSize(std::size_t length) {
 constexpr std::size_t KeySize(std::size_t key_length) {
   return 1 + StringRecordSize(key_length);
 }
+
+// Makes room for `size` more bytes in one step, growing geometrically; std::string::reserve promises no such growth.
+void ReserveMore(std::string& out, std::size_t size);
 
 void AppendInt(std::string& out, std::int32_t value);
 void AppendBool(std::string& out, bool value);
