@@ -5,6 +5,22 @@
 
 namespace mivo {
 
+namespace {
+thread_local int loops_on_this_thread = 0;
+}  // namespace
+
+EventLoop::ThreadScope::ThreadScope(EventLoop& loop) : loop_(loop) {
+  loop_.thread_ = std::this_thread::get_id();
+  ++loops_on_this_thread;
+}
+
+EventLoop::ThreadScope::~ThreadScope() {
+  --loops_on_this_thread;
+  loop_.thread_ = std::thread::id();
+}
+
+bool EventLoop::InAnyThread() { return loops_on_this_thread > 0; }
+
 EventLoop::~EventLoop() { Close(); }
 
 int EventLoop::Open() {

@@ -27,8 +27,8 @@ class EventLoop {
   // Makes the calling thread the loop thread for as long as the scope lives.
   class ThreadScope {
    public:
-    explicit ThreadScope(EventLoop& loop) : loop_(loop) { loop_.thread_ = std::this_thread::get_id(); }
-    ~ThreadScope() { loop_.thread_ = std::thread::id(); }
+    explicit ThreadScope(EventLoop& loop);
+    ~ThreadScope();
     ThreadScope(const ThreadScope&) = delete;
     ThreadScope& operator=(const ThreadScope&) = delete;
 
@@ -38,6 +38,9 @@ class EventLoop {
 
   // Whether the calling thread is the one that runs this loop now. Any thread.
   bool InThread() const { return thread_.load() == std::this_thread::get_id(); }
+
+  // Whether the calling thread runs any loop of this library.
+  static bool InAnyThread();
 
   // Loop thread. Runs until no handle and no work is left / until `done` holds.
   void Run();
