@@ -571,7 +571,8 @@ TEST_P(ServerConnections, RecoversFromAFullDescriptorTable) {
       if (!peer.connected()) break;
       peers.push_back(std::move(peer));
     }
-    EXPECT_TRUE(early.AnswersInOrder());
+    // Whether anybody is served meanwhile is libuv's luck: without its descriptor in reserve, which another thread may
+    // have taken by now, it does nothing but try to accept.
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &usual), 0);
   }
   EXPECT_GE(peers.size(), 3u);

@@ -584,6 +584,33 @@ TEST_P(ServerLifecycle, ServesAgainAfterAClose) {
   }
 }
 
+TEST_P(ServerLifecycle, StartsAgainWhetherItRanOrNot) {
+  TestServer server(GetParam());
+  for (int round = 0; round < 3; ++round) {
+    ASSERT_TRUE(server.Start()) << "closed without having run, " << round;
+    EXPECT_TRUE(server->close());
+    ASSERT_TRUE(server.Start()) << round;
+    std::thread runner([&] { EXPECT_TRUE(server->run()); });
+    EXPECT_TRUE(server.Connect().AnswersInOrder());
+    EXPECT_TRUE(server->close());
+    runner.join();
+  }
+}
+
+TEST_P(ServerLifecycle, RunBesideTheServersOwnThreadReturnsWhenTheServerIsClosed) {
+  TestServer server(GetParam());
+  ASSERT_TRUE(server.Init());
+  Event returned;
+  std::thread runner([&] {
+    EXPECT_TRUE(server->run());
+    returned.Signal();
+  });
+  EXPECT_TRUE(server.Connect().AnswersInOrder());
+  EXPECT_TRUE(server->close());
+  EXPECT_TRUE(returned.WaitFor());
+  runner.join();
+}
+
 TEST_P(ServerLifecycle, TwoServersOfAProcessAreIndependent) {
   TestServer first(GetParam());
   TestServer second(GetParam());
@@ -598,6 +625,19 @@ TEST_P(ServerLifecycle, TwoServersOfAProcessAreIndependent) {
   first.Destroy();
   EXPECT_TRUE(to_first.ReadEof());
   EXPECT_EQ(to_second.Exchange(Request({"who", 1})), ServerReply(Wire().Int(2), 1, std::nullopt));
+}
+
+TEST(ServerNames, ANewcomerTakesTheNameOverAndTheConnectionsStay) {
+  TestServer first(Transport::Local);
+  first.On("who", [](int, MIVOParams*, MIVOParams* reply) { reply->AddInt(1); });
+  ASSERT_TRUE(first.Init());
+  RawPeer to_first = first.Connect();
+  ASSERT_TRUE(to_first.AnswersInOrder());
+  TestServer second(first.address());
+  second.On("who", [](int, MIVOParams*, MIVOParams* reply) { reply->AddInt(2); });
+  ASSERT_TRUE(second.Init());
+  EXPECT_EQ(second.Connect().Exchange(Request({"who", 1})), ServerReply(Wire().Int(2), 1, std::nullopt));
+  EXPECT_EQ(to_first.Exchange(Request({"who", 1})), ServerReply(Wire().Int(1), 1, std::nullopt));
 }
 
 // --- Settings
@@ -1121,26 +1161,59 @@ TEST_P(ServerLifecycle, AHundredLivesLeaveNothingBehind) {
 }
 
 TEST_P(ServerLifecycle, AHandlerMayCloseItsServer) {
-  Deletions deletions;
-  std::atomic<bool> result{false};
+  for (const bool wait : {true, false}) {
+    Deletions deletions;
+    std::atomic<bool> result{false};
+    Event returned;
+    TestServer server(GetParam());
+    server.On(
+        "close",
+        [&](int, MIVOParams*, MIVOParams*) {
+          result = wait ? server->close() : server->closeasync();
+          returned.Signal();
+        },
+        &deletions);
+    ASSERT_TRUE(server.Init());
+    RawPeer peer = server.Connect();
+    ASSERT_TRUE(peer.SendFrame(Request({"close", 1})));
+    ASSERT_TRUE(returned.WaitFor());
+    EXPECT_TRUE(result);
+    EXPECT_TRUE(Eventually([&] { return !server->isok(); }));
+    EXPECT_TRUE(server->close());
+    server.Destroy();
+    EXPECT_EQ(deletions.count, 1);
+  }
+}
+
+// It cannot serve there, nor wait for the end: the end waits for the handler.
+TEST_P(ServerLifecycle, RunInAHandlerReturns) {
   Event returned;
   TestServer server(GetParam());
-  server.On(
-      "close",
-      [&](int, MIVOParams*, MIVOParams*) {
-        result = server->close();
-        returned.Signal();
-      },
-      &deletions);
+  server.On("run", [&](int, MIVOParams*, MIVOParams*) {
+    EXPECT_TRUE(server->run());
+    returned.Signal();
+  });
   ASSERT_TRUE(server.Init());
   RawPeer peer = server.Connect();
-  ASSERT_TRUE(peer.SendFrame(Request({"close", 1})));
+  ASSERT_TRUE(peer.SendFrame(Request({"run", 1})));
+  EXPECT_TRUE(peer.WaitUntilTaken());
+  EXPECT_TRUE(server->closeasync());
   ASSERT_TRUE(returned.WaitFor());
-  EXPECT_TRUE(result);
-  EXPECT_TRUE(Eventually([&] { return !server->isok(); }));
-  EXPECT_TRUE(server->close());
-  server.Destroy();
-  EXPECT_EQ(deletions.count, 1);
+}
+
+TEST_P(ServerLifecycle, AHandlerCannotStartItsServer) {
+  Journal journal;
+  TestServer server(GetParam());
+  server.On("start", [&](int, MIVOParams*, MIVOParams*) {
+    server->closeasync();
+    Eventually([&] { return !server->isok(); });
+    journal.Add(server.Init() || server.Start() ? "started" : "refused");
+  });
+  ASSERT_TRUE(server.Init());
+  RawPeer peer = server.Connect();
+  ASSERT_TRUE(peer.SendFrame(Request({"start", 1})));
+  EXPECT_TRUE(journal.WaitForSize(1));
+  EXPECT_EQ(journal.lines(), Lines{"refused"});
 }
 
 TEST_P(ServerLifecycle, AHandlerMayDestroyItsServer) {
