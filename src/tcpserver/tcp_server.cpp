@@ -92,8 +92,8 @@ void CloseHandleOf(clientdata* client) {
 }
 
 void OnWritten(uv_write_t* request, int status) {
-  delete static_cast<WriteRequest*>(request->data);
   uv_stream_t* const stream = request->handle;
+  delete static_cast<WriteRequest*>(request->data);
   if (status >= 0) return;
   // A write that a drain cut off is our own doing, perhaps for a destructor while the process exits.
   if (uv_is_closing(AsHandle(stream)) != 0 && LoopTurn::IsDraining(stream->loop)) return;
