@@ -12,6 +12,7 @@
 #include "base/handler_scope.h"
 #include "calls/handler_run.h"
 #include "client/session.h"
+#include "client/turn_lock.h"
 #include "largedata/slice_sender.h"
 #include "largedata/slice_size.h"
 #include "transport/builtin_keys.h"
@@ -26,27 +27,9 @@ constexpr int kHandshakeTimeoutMs = 10000;
 constexpr int kSliceTimeoutMs = 500;
 constexpr unsigned int kClosePauseUs = 100000;
 
-// One SendMsg or PostMsg, one SendMsgEx at a time in the process, as promised: held across whole calls.
-Mutex call_mutex;
-Mutex large_call_mutex;
-
-// A loop thread does not wait for its turn: the call that it would wait for may be waiting for this very thread.
-class TurnLock {
- public:
-  explicit TurnLock(Mutex& mutex) MIVO_NO_THREAD_SAFETY_ANALYSIS : mutex_(EventLoop::InAnyThread() ? nullptr : &mutex) {
-    if (mutex_ != nullptr) mutex_->lock();
-  }
-  ~TurnLock() MIVO_NO_THREAD_SAFETY_ANALYSIS {
-    if (mutex_ != nullptr) mutex_->unlock();
-  }
-  TurnLock(const TurnLock&) = delete;
-  TurnLock& operator=(const TurnLock&) = delete;
-
- private:
-  Mutex* const mutex_;
-};
-
-const char* TextOrEmpty(const char* text) { return text == nullptr ? "" : text; }
+const char* TextOrEmpty(const char* text) {
+  return text == nullptr ? "" : text;
+}
 
 MIVOParams* ErrorSet(int code) {
   auto* set = new MIVOParams;
@@ -75,9 +58,12 @@ MIVOClient::~MIVOClient() {
   callers_.WaitUntilNobody();
 }
 
-// ---- Connecting and closing ------------------------------------------------------------------------------------------
+// ---- Connecting and closing
+// ------------------------------------------------------------------------------------------
 
-bool MIVOClient::InitMIVOClient(const char* name, bool) { return Init({Endpoint::kLocal, TextOrEmpty(name), ""}); }
+bool MIVOClient::InitMIVOClient(const char* name, bool) {
+  return Init({Endpoint::kLocal, TextOrEmpty(name), ""});
+}
 
 bool MIVOClient::InitMIVOClientTcp4(const char* host, const char* port, bool) {
   return Init({Endpoint::kTcp4, TextOrEmpty(port), TextOrEmpty(host)});
@@ -103,8 +89,8 @@ bool MIVOClient::Init(Endpoint endpoint) {
 
   // Known before it connects, so that a close can end the attempt.
   const std::string name = endpoint.name;
-  const auto session = std::make_shared<Session>(
-      ClientParts{this, print_, handlers_, replies_, large_replies_, *this}, std::move(endpoint));
+  const auto session = std::make_shared<Session>(ClientParts{this, print_, handlers_, replies_, large_replies_, *this},
+                                                 std::move(endpoint));
   SetSession(session);
   if (!session->Connect()) {
     DropSession(session);
@@ -186,10 +172,11 @@ void MIVOClient::DropSession(const std::shared_ptr<Session>& session) {
   if (session_ == session) session_.reset();
 }
 
-// ---- Calls -----------------------------------------------------------------------------------------------------------
+// ---- Calls
+// -----------------------------------------------------------------------------------------------------------
 
 MIVOParams* MIVOClient::SendMsg(const char* name, MIVOParams* params, int key, int timeout) {
-  const TurnLock turn(call_mutex);
+  const TurnLock turn(TurnLock::Turn::kCall);
   return SendMsgFast(name, params, key, timeout);
 }
 
@@ -198,7 +185,7 @@ MIVOParams* MIVOClient::SendMsgFast(const char* name, MIVOParams* params, int ke
 }
 
 MIVOClient::CallResult MIVOClient::CallSerialised(const char* name, MIVOParams* params, int key, int timeout) {
-  const TurnLock turn(call_mutex);
+  const TurnLock turn(TurnLock::Turn::kCall);
   return Call(name, params, key, timeout);
 }
 
@@ -213,14 +200,13 @@ MIVOClient::CallResult MIVOClient::Call(const char* name, MIVOParams* params, in
   const int call_key = CallKey(key);
   replies_.BeginCall(call_key);
   std::optional<std::string> reply = session->Call(TextOrEmpty(name), params, call_key, timeout);
-  MIVOParams* const set =
-      reply ? replies_.Collect(call_key, std::move(*reply)) : replies_.CollectStored(call_key);
+  MIVOParams* const set = reply ? replies_.Collect(call_key, std::move(*reply)) : replies_.CollectStored(call_key);
   if (set == nullptr) return {ErrorSet(kErrorNoReply), true};
   return {set, false};
 }
 
 int MIVOClient::PostMsg(const char* name, MIVOParams* params, int key) {
-  const TurnLock turn(call_mutex);
+  const TurnLock turn(TurnLock::Turn::kCall);
   return PostMsgFast(name, params, key);
 }
 
@@ -236,7 +222,7 @@ int MIVOClient::PostMsgFast(const char* name, MIVOParams* params, int key) {
 }
 
 MIVOParams* MIVOClient::SendMsgEx(const char* name, MIVOParams* params, int key, int timeout) {
-  const TurnLock turn(large_call_mutex);
+  const TurnLock turn(TurnLock::Turn::kLargeCall);
   const Presence::Scope inside(callers_);
   const std::shared_ptr<Session> session = CurrentSession();
   if (!session || !isok()) {
@@ -289,7 +275,8 @@ void MIVOClient::ClearRetvalMem() {
   large_replies_.Clear();
 }
 
-// ---- Serving ---------------------------------------------------------------------------------------------------------
+// ---- Serving
+// ---------------------------------------------------------------------------------------------------------
 
 void MIVOClient::Serve(const Request& request, MIVOParams* reply) {
   IServerMethod* const handler = handlers_.Find(request.name);
@@ -304,25 +291,40 @@ void MIVOClient::Serve(const Request& request, MIVOParams* reply) {
   AppendClientReplyTail(*reply->GetParamas(), request.envelope);
 }
 
-void MIVOClient::method(const char* name, IServerMethod* handler) { handlers_.Register(name, handler); }
+void MIVOClient::method(const char* name, IServerMethod* handler) {
+  handlers_.Register(name, handler);
+}
 
-void MIVOClient::methodall(IMethodAll* handler) { handlers_.RegisterCatchAll(handler); }
+void MIVOClient::methodall(IMethodAll* handler) {
+  handlers_.RegisterCatchAll(handler);
+}
 
-void MIVOClient::SetCustomReleaseEvent() { handlers_.KeepHandlers(); }
+void MIVOClient::SetCustomReleaseEvent() {
+  handlers_.KeepHandlers();
+}
 
-// ---- Settings --------------------------------------------------------------------------------------------------------
+// ---- Settings
+// --------------------------------------------------------------------------------------------------------
 
 void MIVOClient::SetTimeoutStep(int) {}
 
-int MIVOClient::log(char* text, int level) { return print_.SetLevel(text, level); }
+int MIVOClient::log(char* text, int level) {
+  return print_.SetLevel(text, level);
+}
 
-void MIVOClient::SetBigfileBufferSize(int bytes) { SetSliceSize(bytes); }
+void MIVOClient::SetBigfileBufferSize(int bytes) {
+  SetSliceSize(bytes);
+}
 
-int MIVOClient::GetBigfileBufferSize() { return SliceSizeAsSet(); }
+int MIVOClient::GetBigfileBufferSize() {
+  return SliceSizeAsSet();
+}
 
 }  // namespace mivo
 
-IClient* CreateClient() { return new mivo::MIVOClient; }
+IClient* CreateClient() {
+  return new mivo::MIVOClient;
+}
 
 void DestroyClient(IClient* client) {
   if (client == nullptr) return;
@@ -331,6 +333,8 @@ void DestroyClient(IClient* client) {
     delete client;
   };
   auto* const own = dynamic_cast<mivo::MIVOClient*>(client);
+  // Its thread lives in the parent, and so does the connection: there is nothing here to end.
+  if (own != nullptr && !own->IsOfThisProcess()) return;
   if (own != nullptr && own->IsInsideItself()) {
     // The close has to wait for the handler that we are called from.
     std::thread(destroy).detach();

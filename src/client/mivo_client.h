@@ -8,11 +8,12 @@
 
 #include "base/mutex.h"
 #include "base/presence.h"
+#include "base/process.h"
 #include "calls/handler_table.h"
 #include "calls/reply_table.h"
 #include "calls/request_work.h"
-#include "largedata/recv_large_data_client.h"
 #include "client/server_closed.h"
+#include "largedata/recv_large_data_client.h"
 #include "transport/endpoint.h"
 #include "transport/print_object.h"
 
@@ -45,12 +46,15 @@ class MIVOClient : public IClient, private RequestServer {
   int GetBigfileBufferSize() override;
   void ClearRetvalMem() override;
 
-  // Sends `params`, with the name and `key` added to it, in slices of one call each. True: every slice was sent, whatever
-  // was answered.
+  // Sends `params`, with the name and `key` added to it, in slices of one call each. True: every slice was sent,
+  // whatever was answered.
   bool SendMsgLargeData(const char* name, MIVOParams* params, int key, int timeout);
 
   // Whether the calling thread runs a handler or notice of this client, which cannot wait for the client's end.
   bool IsInsideItself();
+
+  // False in a child of fork, which has a copy that nothing makes work.
+  bool IsOfThisProcess() const { return process_.IsThisProcess(); }
 
  private:
   // A call's result, and whose it is.
@@ -72,6 +76,7 @@ class MIVOClient : public IClient, private RequestServer {
   void SetSession(std::shared_ptr<Session> session);
   void DropSession(const std::shared_ptr<Session>& session);
 
+  const ProcessMark process_;
   PrintObject print_;
   HandlerTable handlers_{HandlerTable::SecondRegistration::kIsIgnored};
   ReplyTable replies_{ReplyTable::Retention::kUntilNextCall};
