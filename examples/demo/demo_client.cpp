@@ -26,8 +26,7 @@ namespace {
 
 constexpr int kTimeoutMs = 10000;
 
-// ---- what holds and what does not
-// ------------------------------------------------------------------------------------
+// ---- what holds and what does not ----
 
 int wrong = 0;
 
@@ -36,8 +35,7 @@ void Expect(bool holds, const std::string& what) {
   if (!holds) ++wrong;
 }
 
-// ---- a client
-// --------------------------------------------------------------------------------------------------------
+// ---- a client ----
 
 struct Destroy {
   void operator()(IClient* client) const { DestroyClient(client); }
@@ -103,8 +101,7 @@ std::string Ask(IClient& client, const char* name, int argument) {
   return Ask(client, name, &request);
 }
 
-// ---- scene "tour": what calls can do, over one transport
-// -------------------------------------------------------------
+// ---- scene "tour": what calls can do, over one transport ----
 
 // The set's own records, without those of the envelope that every reply carries behind them.
 bool BeginsWith(const MIVOParams& set, const MIVOParams& beginning) {
@@ -261,8 +258,7 @@ void TourOfAllTransports(const std::string& socket_name) {
        [&](IClient& client) { return client.InitMIVOClientTcp6("::1", tcp6_port.c_str(), true); });
 }
 
-// ---- scenes "subscribe" and "publish"
-// --------------------------------------------------------------------------------
+// ---- scenes "subscribe" and "publish" ----
 
 // Subscribes, stays for `count` readings, and leaves.
 void Subscribe(const std::string& socket_name, const std::string& who, int count) {
@@ -316,8 +312,7 @@ void Publish(const std::string& socket_name) {
   Expect(Ask(*client, "await_subscribers", 0) == "0", "the others have left, too");
 }
 
-// ---- scene "file"
-// ----------------------------------------------------------------------------------------------------
+// ---- scene "file" ----
 
 std::string Sha256Of(const std::string& path) {
   char digest[65] = "";
@@ -419,8 +414,7 @@ void SendAndFetchFile(const std::string& socket_name, const std::string& path, c
   Expect(Sha256Of(fetched_path) == digest, "we find the same SHA-256 in what came back");
 }
 
-// ---- scene "goodbye"
-// -------------------------------------------------------------------------------------------------
+// ---- scene "goodbye" ----
 
 // The server ends while a call is under way.
 void SeeTheServerGo(const std::string& socket_name) {

@@ -45,8 +45,7 @@ std::string StringAt(const MIVOParams& params, int index) {
   return value != nullptr && value->IsString() ? value->GetString() : "";
 }
 
-// ---- echo, sum, readings of this machine
-// -----------------------------------------------------------------------------
+// ---- echo, sum, readings of this machine ----
 
 void Echo(int, MIVOParams* request, MIVOParams* reply) {
   long length = 0;
@@ -132,8 +131,7 @@ void ListDirectory(int, MIVOParams* request, MIVOParams* reply) {
   reply->AddList(list);
 }
 
-// ---- a method that takes longer than its caller waits
-// ----------------------------------------------------------------
+// ---- a method that takes longer than its caller waits ----
 
 // Says to the caller that it runs, then waits for "go". Handlers still running keep a closing server waiting, so a
 // method that waits has to look whether its server still serves.
@@ -160,8 +158,7 @@ class Slow {
   int tokens_ = 0;
 };
 
-// ---- subscribers
-// -----------------------------------------------------------------------------------------------------
+// ---- subscribers ----
 
 // A client is known by its id, and by the server that it is connected to.
 class Subscribers {
@@ -209,8 +206,7 @@ class Subscribers {
   int readings_ = 0;
 };
 
-// ---- a file, piece by piece
-// ------------------------------------------------------------------------------------------
+// ---- a file, piece by piece ----
 
 // "put" takes an offset and bytes, "get" an offset and a length. Offsets below 2 GiB: they travel as int.
 class Store {
@@ -256,8 +252,7 @@ class Store {
   const std::string path_;
 };
 
-// ---- putting it together
-// ---------------------------------------------------------------------------------------------
+// ---- putting it together ----
 
 struct Shared {
   explicit Shared(const std::string& store_path) : store(store_path) {}
