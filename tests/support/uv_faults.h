@@ -22,7 +22,7 @@ enum class Fault {
   kQueueWork,
   kTimerInit,
   kTimerStart,
-  kThreadCreate,
+  kThreadCreate,  // of any thread, libuv's or not
   kChmod,
   kChown,
   kListenerError,  // the connection callback is first called with the error, then as it would have been
@@ -30,7 +30,7 @@ enum class Fault {
 };
 
 // While it lives, calls number `first` to `first` + `count` - 1 of the function, counted from now on over the whole
-// process, fail with `error` (a libuv error code; for chmod and chown the negative errno).
+// process, fail with `error` (a libuv error code; for threads, chmod and chown the negative errno).
 class ScopedFault {
  public:
   ScopedFault(Fault fault, int first, int count, int error);
