@@ -11,8 +11,7 @@ class MIVOParams;
 // One listening socket, its connections and its handlers.
 //
 // Threads: every operation may be called from any thread, from handlers and from notices; only destruction must not
-// race
-//   with other operations. Init* serves on a thread of the server's own; Start* and run() serve on the caller's.
+//   race with other operations. Init* serves on a thread of the server's own; Start* and run() on the caller's.
 // Call key: as for IClient.
 // Replies: a set returned by SendMsg belongs to the server and stays valid until the next call with the same key,
 //   ClearRetvalMem, or destruction. Do not delete it.

@@ -64,9 +64,6 @@ void MIVOServer::RegisterBuiltins() {
   handlers_.RegisterBuiltin(kSliceMethod, slice_receiver_.get());
 }
 
-// ---- Starting
-// --------------------------------------------------------------------------------------------------------
-
 bool MIVOServer::StartMIVOServer(const char* name) {
   return Start({Endpoint::kLocal, TextOrEmpty(name), ""});
 }
@@ -141,9 +138,6 @@ bool MIVOServer::run() {
   return true;
 }
 
-// ---- Closing
-// ---------------------------------------------------------------------------------------------------------
-
 bool MIVOServer::close() {
   const std::shared_ptr<Serving> serving = CurrentServing();
   if (!serving || !serving->is_running()) return true;
@@ -178,9 +172,6 @@ std::shared_ptr<Serving> MIVOServer::CurrentServing() {
   return serving_;
 }
 
-// ---- Calls to clients
-// ------------------------------------------------------------------------------------------------
-
 MIVOParams* MIVOServer::SendMsg(int clientId, const char* name, MIVOParams* params, int key, int timeout) {
   const Presence::Scope inside(callers_);
   const std::shared_ptr<Serving> serving = CurrentServing();
@@ -208,9 +199,6 @@ int MIVOServer::PostMsg(int clientId, const char* name, MIVOParams* params, int 
 void MIVOServer::ClearRetvalMem() {
   replies_.Clear();
 }
-
-// ---- Handlers and settings
-// -------------------------------------------------------------------------------------------
 
 void MIVOServer::method(const char* name, IServerMethod* handler) {
   if (name != nullptr && std::strcmp(name, kLogSink) == 0) {

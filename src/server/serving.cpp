@@ -25,9 +25,6 @@ Serving::~Serving() {
   Run();
 }
 
-// ---- Who holds the loop
-// ----------------------------------------------------------------------------------------------
-
 bool Serving::TryTakeLoop() {
   MutexLock lock(mutex_);
   return !std::exchange(loop_taken_, true);
@@ -45,9 +42,6 @@ void Serving::ReleaseLoop() {
   loop_taken_ = false;
   loop_released_.NotifyAll();
 }
-
-// ---- From the start to the end
-// ---------------------------------------------------------------------------------------
 
 bool Serving::Start(const Endpoint& endpoint) {
   TakeLoop();
@@ -124,9 +118,6 @@ void Serving::CloseHandles() {
   listener_.Close();
   close_request_.Close();
 }
-
-// ---- What comes in
-// ---------------------------------------------------------------------------------------------------
 
 void Serving::DoQueueWork(const std::shared_ptr<Connection>& client, std::string_view payload) {
   const Envelope envelope = ReadEnvelope(payload);

@@ -36,9 +36,9 @@ struct ServerParts {
 // start and the end. So the loop's objects belong to whoever has taken hold of it: Start and Run take hold, and so does
 // a close when nobody else has. Anybody else asks the holder.
 //
-//   Close             handlers out of the table, queue shut, callers woken, handles closed. Work on the pool still
-//                     finishes; its replies are dropped.
-//   the loop's end    no work is left: the handlers that were running are deleted.
+//   Close             requests that wait for the pool dropped, handlers out of the table, queue written and shut,
+//                     callers woken, handles closed. Handlers that run still finish; their replies are dropped.
+//   the loop's end    nothing runs any more: the handlers are deleted.
 class Serving {
  public:
   explicit Serving(const ServerParts& parts);
