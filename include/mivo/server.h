@@ -47,8 +47,8 @@ class MIVO_EXPORT IServer {
   virtual bool isok() = 0;
 
   // Closes: no new work, connections ended, calls to clients woken, handlers deleted (see SetCustomReleaseEvent). On
-  // the thread that serves, and when none does, it happens at once; on any other it is handed there and waited for. In
-  // a handler it only begins. Always true.
+  // the thread that serves, and when none does, it happens at once; any other asks that thread and waits until it has
+  // left the loop, so that no handler runs any more. In a handler it only begins. Always true.
   virtual bool close() = 0;
 
   // Asks the serving thread to close and returns after about 10 ms without waiting for the end. Always true.

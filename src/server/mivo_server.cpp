@@ -38,7 +38,7 @@ MIVOServer::MIVOServer()
 
 MIVOServer::~MIVOServer() {
   if (const std::shared_ptr<Serving> serving = CurrentServing()) {
-    serving->Close(Serving::Wait::kUntilClosed);
+    serving->Close(Serving::Wait::kUntilEnded);
     thread_.Join();
     // Nobody may be left to run the loop: then this thread sees its handles off.
     serving->Run();
@@ -132,16 +132,16 @@ bool MIVOServer::StartOnThread(const char* port, const std::function<bool(const 
 }
 
 bool MIVOServer::run() {
-  if (const std::shared_ptr<Serving> serving = CurrentServing()) {
-    if (!serving->InThread()) serving->Run();
-  }
+  // A handler would wait for its own end.
+  if (IsInsideItself()) return true;
+  if (const std::shared_ptr<Serving> serving = CurrentServing()) serving->Run();
   return true;
 }
 
 bool MIVOServer::close() {
   const std::shared_ptr<Serving> serving = CurrentServing();
   if (!serving || !serving->is_running()) return true;
-  serving->Close(HandlerScope::Inside(this) ? Serving::Wait::kNo : Serving::Wait::kUntilClosed);
+  serving->Close(HandlerScope::Inside(this) ? Serving::Wait::kNo : Serving::Wait::kUntilEnded);
   return true;
 }
 

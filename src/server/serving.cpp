@@ -94,7 +94,10 @@ void Serving::Close(Wait wait) {
     ReleaseLoop();
   } else {
     RequestClose();
-    if (wait == Wait::kUntilClosed) closed_.Wait();
+    if (wait == Wait::kNo) return;
+    // Whoever holds the loop gives it back when it has ended.
+    TakeLoop();
+    ReleaseLoop();
   }
 }
 
@@ -109,7 +112,6 @@ void Serving::CloseHere() {
   running_ = false;
   CloseHandles();
   parts_.print.Debug("Server Closed!\n");
-  closed_.Set();
 }
 
 void Serving::CloseHandles() {
