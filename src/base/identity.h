@@ -1,0 +1,24 @@
+// Numbers that name a connection or a waiting call and are never given twice in the life of the process.
+//
+// On the wire and in the interface such a number looks like an address. An address itself would not do: the allocator
+// hands freed memory out again at once, and then a late reply wakes a stranger, or a call meant for a client that has
+// left reaches the next one.
+#ifndef MIVO_BASE_IDENTITY_H_
+#define MIVO_BASE_IDENTITY_H_
+
+#include <cstdint>
+
+namespace mivo {
+
+// A connection's id: the same number in handlers, notices, diagnostic lines and calls. Never 0. Any thread.
+int NextConnectionId();
+
+// A waiting call's token. Never 0. Any thread.
+std::uintptr_t NextWaiterToken();
+
+// Whether NextWaiterToken gave this number out, in this process. Any thread.
+bool IsWaiterToken(std::uintptr_t token);
+
+}  // namespace mivo
+
+#endif  // MIVO_BASE_IDENTITY_H_

@@ -1,0 +1,72 @@
+// The handlers of a client or server, and their end.
+#ifndef MIVO_CALLS_HANDLER_TABLE_H_
+#define MIVO_CALLS_HANDLER_TABLE_H_
+
+#include <map>
+#include <set>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "base/mutex.h"
+#include "base/thread_annotations.h"
+
+class IMethodAll;
+class IServerMethod;
+
+namespace mivo {
+
+// Any thread. The application registers handlers and gives them away; the table's owner registers built-in ones, which
+// stay its own.
+//
+// The end comes in two steps, for a handler must not be deleted while it runs: Close makes every look-up find nothing,
+// and once nothing runs any more Release deletes what there was, each object once.
+class HandlerTable {
+ public:
+  enum class SecondRegistration {
+    kIsIgnored,  // a client
+    kReplaces,   // a server
+  };
+
+  explicit HandlerTable(SecondRegistration second) : second_(second) {}
+  ~HandlerTable();
+  HandlerTable(const HandlerTable&) = delete;
+  HandlerTable& operator=(const HandlerTable&) = delete;
+
+  void Register(const char* name, IServerMethod* handler);
+  void RegisterCatchAll(IMethodAll* handler);
+
+  // Enters a handler that Release does not delete, unless the name is taken.
+  void RegisterBuiltin(const char* name, IServerMethod* handler);
+
+  // From now on the application deletes its handlers.
+  void KeepHandlers();
+
+  // Null if there is none.
+  IServerMethod* Find(std::string_view name) const;
+  IMethodAll* CatchAll() const;
+
+  // Look-ups work again, of what was registered meanwhile.
+  void Open();
+
+  // Look-ups find nothing from now on. Returns whether `handler` is among those that Release will delete.
+  bool Close(const IServerMethod* handler);
+
+  // Deletes what Close took out. May be repeated.
+  void Release();
+
+ private:
+  const SecondRegistration second_;
+  mutable Mutex mutex_;
+  bool open_ MIVO_GUARDED_BY(mutex_) = true;
+  bool keep_ MIVO_GUARDED_BY(mutex_) = false;
+  std::map<std::string, IServerMethod*, std::less<>> methods_ MIVO_GUARDED_BY(mutex_);
+  std::set<const IServerMethod*> builtins_ MIVO_GUARDED_BY(mutex_);
+  IMethodAll* catch_all_ MIVO_GUARDED_BY(mutex_) = nullptr;
+  std::set<IServerMethod*> closed_methods_ MIVO_GUARDED_BY(mutex_);
+  std::set<IMethodAll*> closed_catch_alls_ MIVO_GUARDED_BY(mutex_);
+};
+
+}  // namespace mivo
+
+#endif  // MIVO_CALLS_HANDLER_TABLE_H_

@@ -1,0 +1,344 @@
+#include "client/mivo_client.h"
+
+#include <mivo/params.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <string>
+#include <thread>
+#include <utility>
+
+#include "base/call_key.h"
+#include "base/handler_scope.h"
+#include "calls/handler_run.h"
+#include "client/session.h"
+#include "client/turn_lock.h"
+#include "largedata/slice_sender.h"
+#include "largedata/slice_size.h"
+#include "transport/builtin_keys.h"
+#include "transport/connection.h"
+#include "transport/envelope.h"
+
+namespace mivo {
+
+namespace {
+
+constexpr int kHandshakeTimeoutMs = 10000;
+constexpr int kSliceTimeoutMs = 500;
+constexpr unsigned int kClosePauseUs = 100000;
+
+const char* TextOrEmpty(const char* text) {
+  return text == nullptr ? "" : text;
+}
+
+MIVOParams* ErrorSet(int code) {
+  auto* set = new MIVOParams;
+  set->AddKeyValueInt(kErrorCodeKey, code);
+  set->ToParams();
+  return set;
+}
+
+}  // namespace
+
+MIVOClient::MIVOClient()
+    : print_(this), large_data_receiver_([this](int key, std::string result) {
+        const std::shared_ptr<Session> session = CurrentSession();
+        if (session && session->DeliverLargeResult(key, &result)) return;
+        large_replies_.Store(key, std::move(result));
+      }) {
+  handlers_.RegisterBuiltin(kSliceMethod, &large_data_receiver_);
+  handlers_.RegisterBuiltin(kBuiltinClosedNotice, &server_closed_);
+}
+
+MIVOClient::~MIVOClient() {
+  if (const std::shared_ptr<Session> session = CurrentSession()) {
+    session->Close(Session::Handlers::kRelease);
+    session->Join();
+  }
+  callers_.WaitUntilNobody();
+}
+
+// ---- Connecting and closing
+// ------------------------------------------------------------------------------------------
+
+bool MIVOClient::InitMIVOClient(const char* name, bool) {
+  return Init({Endpoint::kLocal, TextOrEmpty(name), ""});
+}
+
+bool MIVOClient::InitMIVOClientTcp4(const char* host, const char* port, bool) {
+  return Init({Endpoint::kTcp4, TextOrEmpty(port), TextOrEmpty(host)});
+}
+
+bool MIVOClient::InitMIVOClientTcp6(const char* host, const char* port, bool) {
+  return Init({Endpoint::kTcp6, TextOrEmpty(port), TextOrEmpty(host)});
+}
+
+bool MIVOClient::Init(Endpoint endpoint) {
+  // A lost connection must be taken down first, and that waits for this thread's own work.
+  if (IsInsideItself()) return false;
+
+  MutexLock lock(init_mutex_);
+  if (const std::shared_ptr<Session> old = CurrentSession()) {
+    if (old->is_connected()) return true;
+    old->Close(Session::Handlers::kKeep);
+    old->Join();
+  }
+  handlers_.Open();
+  handlers_.RegisterBuiltin(kSliceMethod, &large_data_receiver_);
+  handlers_.RegisterBuiltin(kBuiltinClosedNotice, &server_closed_);
+
+  // Known before it connects, so that a close can end the attempt.
+  const std::string name = endpoint.name;
+  const auto session = std::make_shared<Session>(ClientParts{this, print_, handlers_, replies_, large_replies_, *this},
+                                                 std::move(endpoint));
+  SetSession(session);
+  if (!session->Connect()) {
+    DropSession(session);
+    print_.Debug("cant connect: %s \n", name.c_str());
+    return false;
+  }
+  print_.Debug("connected: %s \n", name.c_str());
+  if (!CheckServer()) {
+    print_.Debug("Check Server Version Error!\n");
+    close();
+    return false;
+  }
+  return true;
+}
+
+bool MIVOClient::CheckServer() {
+  MIVOParams version;
+  version.AddKeyValueString(kVersionKey, kVersionBanner);
+  const CallResult reply = CallSerialised(kVersionMethod, &version, 0, kHandshakeTimeoutMs);
+  if (reply.is_error_set) {
+    delete reply.set;
+    print_.Debug("Check Server Version: timeout\n");
+    return false;
+  }
+  const MIVOValue* const accepted = reply.set->GetValue(0);
+  const MIVOValue* const banner = reply.set->GetMap(kVersionKey);
+  print_.Debug("Check Server Version: \nserver %s\nclient %s \n",
+               banner != nullptr && banner->IsString() ? banner->GetString() : "", kVersionBanner);
+  // The server has compared the banners; its word decides.
+  return accepted != nullptr && accepted->IsBool() && accepted->GetBool();
+}
+
+void MIVOClient::close() {
+  print_.Debug("Closing!\n");
+  const std::shared_ptr<Session> session = CurrentSession();
+  const bool may_wait = !IsInsideItself();
+  if (session) {
+    session->Close(Session::Handlers::kRelease);
+    print_.Debug("Client Closing waiting thread!\n");
+    if (may_wait) {
+      session->Join();
+      DropSession(session);
+    }
+  } else if (may_wait) {
+    handlers_.Close(nullptr);
+    handlers_.Release();
+  }
+  if (may_wait) {
+    if (isok()) print_.Debug("bad close\n");
+    ::usleep(kClosePauseUs);
+  }
+  print_.Debug("Closed!\n");
+}
+
+bool MIVOClient::isok() {
+  const std::shared_ptr<Session> session = CurrentSession();
+  return session && session->is_connected();
+}
+
+bool MIVOClient::IsInsideItself() {
+  if (HandlerScope::Inside(this)) return true;
+  const std::shared_ptr<Session> session = CurrentSession();
+  return session && session->InThread();
+}
+
+std::shared_ptr<Session> MIVOClient::CurrentSession() {
+  MutexLock lock(session_mutex_);
+  return session_;
+}
+
+void MIVOClient::SetSession(std::shared_ptr<Session> session) {
+  // The one replaced ends outside the lock.
+  MutexLock lock(session_mutex_);
+  session_.swap(session);
+}
+
+void MIVOClient::DropSession(const std::shared_ptr<Session>& session) {
+  MutexLock lock(session_mutex_);
+  if (session_ == session) session_.reset();
+}
+
+// ---- Calls
+// -----------------------------------------------------------------------------------------------------------
+
+MIVOParams* MIVOClient::SendMsg(const char* name, MIVOParams* params, int key, int timeout) {
+  const TurnLock turn(TurnLock::Turn::kCall);
+  return SendMsgFast(name, params, key, timeout);
+}
+
+MIVOParams* MIVOClient::SendMsgFast(const char* name, MIVOParams* params, int key, int timeout) {
+  return Call(name, params, key, timeout).set;
+}
+
+MIVOClient::CallResult MIVOClient::CallSerialised(const char* name, MIVOParams* params, int key, int timeout) {
+  const TurnLock turn(TurnLock::Turn::kCall);
+  return Call(name, params, key, timeout);
+}
+
+MIVOClient::CallResult MIVOClient::Call(const char* name, MIVOParams* params, int key, int timeout) {
+  const Presence::Scope inside(callers_);
+  const std::shared_ptr<Session> session = CurrentSession();
+  if (!session || !session->is_connected()) {
+    PrintDirect("SendMsg end: IsOk Flase\n");
+    print_.Error("send msg: disconnect... .. .\n");
+    return {ErrorSet(kErrorNotConnected), true};
+  }
+  const int call_key = CallKey(key);
+  replies_.BeginCall(call_key);
+  std::optional<std::string> reply = session->Call(TextOrEmpty(name), params, call_key, timeout);
+  MIVOParams* const set = reply ? replies_.Collect(call_key, std::move(*reply)) : replies_.CollectStored(call_key);
+  if (set == nullptr) return {ErrorSet(kErrorNoReply), true};
+  return {set, false};
+}
+
+int MIVOClient::PostMsg(const char* name, MIVOParams* params, int key) {
+  const TurnLock turn(TurnLock::Turn::kCall);
+  return PostMsgFast(name, params, key);
+}
+
+int MIVOClient::PostMsgFast(const char* name, MIVOParams* params, int key) {
+  const Presence::Scope inside(callers_);
+  const std::shared_ptr<Session> session = CurrentSession();
+  if (session && session->is_connected()) {
+    session->Post(TextOrEmpty(name), params, CallKey(key));
+  } else {
+    print_.Error("send msg: disconnect... .. .\n");
+  }
+  return 0;
+}
+
+MIVOParams* MIVOClient::SendMsgEx(const char* name, MIVOParams* params, int key, int timeout) {
+  const TurnLock turn(TurnLock::Turn::kLargeCall);
+  const Presence::Scope inside(callers_);
+  const std::shared_ptr<Session> session = CurrentSession();
+  if (!session || !isok()) {
+    PrintDirect("sendmsgex: disconnect... .. .\n");
+    return ErrorSet(kErrorNotConnected);
+  }
+  MIVOParams no_params;
+  if (params == nullptr) params = &no_params;
+
+  int call_key = key;
+  if (call_key == 0) {
+    const MIVOValue* const own_key = params->GetMap(kThreadIdKey);
+    call_key = own_key != nullptr && own_key->IsInt() ? own_key->GetInt() : CallKey(0);
+  }
+  // What an earlier call left, under the key as given and under the one it came to stand for.
+  large_replies_.BeginCall(key);
+  large_replies_.BeginCall(call_key);
+
+  std::optional<std::string> result = session->CallLarge(call_key, timeout, [&] {
+    SendMsgLargeData(name, params, call_key, kSliceTimeoutMs);
+    params->Clear();
+  });
+  if (!isok()) {
+    print_.Error("sendmsgex: disconnect... .. .\n");
+    return ErrorSet(kErrorNotConnected);
+  }
+  MIVOParams* const set =
+      result ? large_replies_.Collect(call_key, std::move(*result)) : large_replies_.CollectStored(call_key);
+  return set != nullptr ? set : ErrorSet(kErrorNoReply);
+}
+
+bool MIVOClient::SendMsgLargeData(const char* name, MIVOParams* params, int key, int timeout) {
+  int call_key = key;
+  if (call_key == 0) {
+    const MIVOValue* const own_key = params->GetMap(kThreadIdKey);
+    call_key = own_key != nullptr && own_key->IsInt() ? own_key->GetInt() : CallKey(0);
+  }
+  params->AddKeyValueString(kNameKey, TextOrEmpty(name));
+  params->AddKeyValueInt(kThreadIdKey, key);
+  return SendInSlices(*params->GetParamas(), key, [&](MIVOParams* slice) {
+    const CallResult answer = CallSerialised(kSliceMethod, slice, call_key, timeout);
+    // A slice that nobody answered does not end the transfer.
+    if (answer.is_error_set) delete answer.set;
+    return true;
+  });
+}
+
+void MIVOClient::ClearRetvalMem() {
+  replies_.Clear();
+  large_replies_.Clear();
+}
+
+// ---- Serving
+// ---------------------------------------------------------------------------------------------------------
+
+void MIVOClient::Serve(const Request& request, MIVOParams* reply) {
+  IServerMethod* const handler = handlers_.Find(request.name);
+  if (handler == nullptr) {
+    // Without key and token: the server's call runs into its time-out.
+    reply->AddKeyValueString(kNameKey, kRetval);
+    return;
+  }
+  MIVOParams arguments;
+  ReadArguments(request, &arguments);
+  RunHandler(*handler, {this, print_, request.name, request.connection->id(), &arguments, reply});
+  AppendClientReplyTail(*reply->GetParamas(), request.envelope);
+}
+
+void MIVOClient::method(const char* name, IServerMethod* handler) {
+  handlers_.Register(name, handler);
+}
+
+void MIVOClient::methodall(IMethodAll* handler) {
+  handlers_.RegisterCatchAll(handler);
+}
+
+void MIVOClient::SetCustomReleaseEvent() {
+  handlers_.KeepHandlers();
+}
+
+// ---- Settings
+// --------------------------------------------------------------------------------------------------------
+
+void MIVOClient::SetTimeoutStep(int) {}
+
+int MIVOClient::log(char* text, int level) {
+  return print_.SetLevel(text, level);
+}
+
+void MIVOClient::SetBigfileBufferSize(int bytes) {
+  SetSliceSize(bytes);
+}
+
+int MIVOClient::GetBigfileBufferSize() {
+  return SliceSizeAsSet();
+}
+
+}  // namespace mivo
+
+IClient* CreateClient() {
+  return new mivo::MIVOClient;
+}
+
+void DestroyClient(IClient* client) {
+  if (client == nullptr) return;
+  const auto destroy = [client] {
+    client->close();
+    delete client;
+  };
+  auto* const own = dynamic_cast<mivo::MIVOClient*>(client);
+  // Its thread lives in the parent, and so does the connection: there is nothing here to end.
+  if (own != nullptr && !own->IsOfThisProcess()) return;
+  if (own != nullptr && own->IsInsideItself()) {
+    // The close has to wait for the handler that we are called from.
+    std::thread(destroy).detach();
+  } else {
+    destroy();
+  }
+}

@@ -1,0 +1,95 @@
+// The client object: what IClient promises, put together from its parts.
+#ifndef MIVO_CLIENT_MIVO_CLIENT_H_
+#define MIVO_CLIENT_MIVO_CLIENT_H_
+
+#include <mivo/client.h>
+
+#include <memory>
+
+#include "base/mutex.h"
+#include "base/presence.h"
+#include "base/process.h"
+#include "calls/handler_table.h"
+#include "calls/reply_table.h"
+#include "calls/request_work.h"
+#include "client/server_closed.h"
+#include "largedata/recv_large_data_client.h"
+#include "transport/endpoint.h"
+#include "transport/print_object.h"
+
+namespace mivo {
+
+class Session;
+
+// See IClient. Virtual operations call each other through the table, so that a subclass can stand in for any of them.
+class MIVOClient : public IClient, private RequestServer {
+ public:
+  MIVOClient();
+  ~MIVOClient() override;
+
+  bool InitMIVOClient(const char* name, bool threaded) override;
+  bool InitMIVOClientTcp4(const char* host, const char* port, bool threaded) override;
+  bool InitMIVOClientTcp6(const char* host, const char* port, bool threaded) override;
+  bool isok() override;
+  void SetTimeoutStep(int ms) override;
+  void close() override;
+  MIVOParams* SendMsg(const char* name, MIVOParams* params, int key, int timeout) override;
+  MIVOParams* SendMsgFast(const char* name, MIVOParams* params, int key, int timeout) override;
+  MIVOParams* SendMsgEx(const char* name, MIVOParams* params, int key, int timeout) override;
+  int PostMsg(const char* name, MIVOParams* params, int key) override;
+  int PostMsgFast(const char* name, MIVOParams* params, int key) override;
+  void method(const char* name, IServerMethod* handler) override;
+  void methodall(IMethodAll* handler) override;
+  int log(char* text, int level) override;
+  void SetCustomReleaseEvent() override;
+  void SetBigfileBufferSize(int bytes) override;
+  int GetBigfileBufferSize() override;
+  void ClearRetvalMem() override;
+
+  // Sends `params`, with the name and `key` added to it, in slices of one call each. True: every slice was sent,
+  // whatever was answered.
+  bool SendMsgLargeData(const char* name, MIVOParams* params, int key, int timeout);
+
+  // Whether the calling thread runs a handler or notice of this client, which cannot wait for the client's end.
+  bool IsInsideItself();
+
+  // False in a child of fork, which has a copy that nothing makes work.
+  bool IsOfThisProcess() const { return process_.IsThisProcess(); }
+
+ private:
+  // A call's result, and whose it is.
+  struct CallResult {
+    MIVOParams* set;
+    bool is_error_set;  // made for this return: the caller's; else it stays in the table
+  };
+
+  bool Init(Endpoint endpoint);
+  bool CheckServer();
+  CallResult Call(const char* name, MIVOParams* params, int key, int timeout);
+  // As SendMsg, for the library itself, which has to know what it must free.
+  CallResult CallSerialised(const char* name, MIVOParams* params, int key, int timeout);
+
+  // RequestServer.
+  void Serve(const Request& request, MIVOParams* reply) override;
+
+  std::shared_ptr<Session> CurrentSession();
+  void SetSession(std::shared_ptr<Session> session);
+  void DropSession(const std::shared_ptr<Session>& session);
+
+  const ProcessMark process_;
+  PrintObject print_;
+  HandlerTable handlers_{HandlerTable::SecondRegistration::kIsIgnored};
+  ReplyTable replies_{ReplyTable::Retention::kUntilNextCall};
+  ReplyTable large_replies_{ReplyTable::Retention::kUntilNextCall};
+  RecvLargeDataClient large_data_receiver_;
+  ServerClosed server_closed_;
+  Presence callers_;
+
+  Mutex init_mutex_;  // one Init at a time, its handshake included
+  Mutex session_mutex_;
+  std::shared_ptr<Session> session_ MIVO_GUARDED_BY(session_mutex_);
+};
+
+}  // namespace mivo
+
+#endif  // MIVO_CLIENT_MIVO_CLIENT_H_

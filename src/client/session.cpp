@@ -1,0 +1,262 @@
+#include "client/session.h"
+
+#include <mivo/handler.h>
+
+#include <utility>
+
+#include "base/clock.h"
+#include "base/identity.h"
+#include "base/pointer_text.h"
+#include "calls/handler_run.h"
+#include "calls/outgoing_call.h"
+#include "transport/builtin_keys.h"
+#include "transport/envelope.h"
+#include "transport/framed_write.h"
+
+namespace mivo {
+
+namespace {
+
+constexpr std::uint64_t kFirstSweepMs = 500;
+constexpr std::uint64_t kSweepMs = 100;
+
+}  // namespace
+
+Session::Session(const ClientParts& parts, Endpoint endpoint)
+    : parts_(parts),
+      endpoint_(std::move(endpoint)),
+      connection_(std::make_shared<Connection>(loop_, static_cast<Connection::Owner&>(*this), NextConnectionId())),
+      connector_(endpoint_, *connection_) {}
+
+Session::~Session() {
+  thread_.Join();
+}
+
+bool Session::Connect() {
+  if (!thread_.Start([this] { RunThread(); })) return false;
+  started_.Wait();
+  if (is_up_) return true;
+  thread_.Join();
+  return false;
+}
+
+// ---- Any thread -----------------------------------------------------------------------------------------------------
+
+std::optional<std::string> Session::Call(std::string_view name, const MIVOParams* params, int key, int timeout_ms) {
+  Waiter waiter(parts_.client, connection_->id(), key, timeout_ms);
+  Frame request(EncodeRequest(name, key, params, waiter.token()));
+  if (InThread()) {
+    outgoing_.DrainNow();
+    connection_->Send(std::move(request));
+    return std::nullopt;
+  }
+  return AwaitReply(waiters_, waiter, [&] { return outgoing_.Push({std::move(request), nullptr}); });
+}
+
+void Session::Post(std::string_view name, const MIVOParams* params, int key) {
+  Frame request(EncodeRequest(name, key, params, 0));
+  posts_.Sent(key);
+  if (InThread()) {
+    outgoing_.DrainNow();
+    connection_->Send(std::move(request));
+    return;
+  }
+  OneShot written;
+  if (outgoing_.Push({std::move(request), &written})) written.Wait();
+}
+
+std::optional<std::string> Session::CallLarge(int key, int timeout_ms, const std::function<void()>& send) {
+  Waiter waiter(parts_.client, connection_->id(), key, timeout_ms);
+  return AwaitReply(large_waiters_, waiter, [&] {
+    send();
+    // Waiters are woken after connected_ was cleared: still connected now, this one will be.
+    return connected_ && !InThread();
+  });
+}
+
+void Session::Close(Handlers handlers) {
+  if (handlers == Handlers::kRelease) release_handlers_ = true;
+  close_wanted_ = true;
+  // Too early or too late, the wake-up goes nowhere: a loop that is not open yet looks at the wish when it is.
+  close_request_.Send();
+}
+
+// ---- Loop thread: from the start to the end
+// --------------------------------------------------------------------------
+
+void Session::RunThread() {
+  const EventLoop::ThreadScope scope(loop_);
+  switch (endpoint_.kind) {
+    case Endpoint::kLocal:
+      parts_.print.Debug("%s\n", kVersionBanner);
+      break;
+    case Endpoint::kTcp4:
+      parts_.print.Debug("Tcp4: %s\n", kVersionBanner);
+      break;
+    case Endpoint::kTcp6:
+      parts_.print.Debug("Tcp6: %s\n", kVersionBanner);
+      break;
+  }
+  is_up_ = OpenLoop() && ConnectStream() && StartServing();
+  if (!is_up_) {
+    CloseHandles();
+    loop_.Close();
+    started_.Set();
+    return;
+  }
+
+  connected_ = true;
+  started_.Set();
+  if (endpoint_.kind == Endpoint::kLocal) {
+    parts_.print.Debug("runing .....\n");
+  } else {
+    PrintDirect("run\n");
+  }
+  loop_.Run();
+  if (endpoint_.kind == Endpoint::kLocal) {
+    parts_.print.Debug("out run .....\n");
+  } else {
+    PrintDirect("run out\n");
+  }
+  loop_.Close();
+  // Nothing runs any more. CloseClient may have found a handler running and left this to us.
+  parts_.handlers.Release();
+}
+
+bool Session::OpenLoop() {
+  if (loop_.Open() < 0) {
+    connector_.Report("uv_loop_init error");
+    return false;
+  }
+  return close_request_.Open(loop_.uv(), [this] { AsyncClose(); }) == 0;
+}
+
+bool Session::ConnectStream() {
+  if (close_wanted_) return false;
+  connector_.Start();
+  loop_.RunUntil([this] { return connector_.state() != Connector::State::kConnecting; });
+  return connector_.state() == Connector::State::kConnected;
+}
+
+bool Session::StartServing() {
+  return outgoing_.Open(loop_.uv(), [this](std::vector<Outgoing> queued) { SendQueued(std::move(queued)); }) == 0 &&
+         connection_->StartReading() == 0 && sweep_timer_.Start(loop_.uv(), kFirstSweepMs, kSweepMs, [this] {
+           const std::int64_t now_ms = NowMs();
+           waiters_.Sweep(now_ms);
+           large_waiters_.Sweep(now_ms);
+         }) == 0;
+}
+
+void Session::AsyncClose() {
+  // While connecting, ending the stream ends the attempt.
+  if (connector_.state() == Connector::State::kConnecting) {
+    connection_->Close();
+    return;
+  }
+  parts_.print.Debug("async_closeing Client!\n");
+  CloseClient();
+  parts_.print.Debug("async_closed Client!\n");
+}
+
+void Session::CloseClient() {
+  parts_.print.Debug("closeClient!\n");
+  outgoing_.DrainNow();
+  connected_ = false;
+  ShutQueueAndWakeCalls();
+  work_.DropWaiting();
+  if (release_handlers_) {
+    parts_.handlers.Close(nullptr);
+    if (work_.IsIdle() && notices_running_ == 0) parts_.handlers.Release();
+  }
+  CloseHandles();
+  parts_.replies.Retire();
+  parts_.large_replies.Retire();
+  parts_.print.Debug("Closed!\n");
+}
+
+void Session::CloseHandles() {
+  sweep_timer_.Close();
+  close_request_.Close();
+  outgoing_.Close();
+  connection_->Close();
+}
+
+void Session::ShutQueueAndWakeCalls() {
+  for (const Outgoing& unsent : outgoing_.Close()) {
+    if (unsent.written != nullptr) unsent.written->Set();
+  }
+  waiters_.ReleaseAll(parts_.client);
+  large_waiters_.ReleaseAll(parts_.client);
+}
+
+// ---- Loop thread: out
+// ------------------------------------------------------------------------------------------------
+
+void Session::SendQueued(std::vector<Outgoing> queued) {
+  for (Outgoing& outgoing : queued)
+    connection_->Send(std::move(outgoing.frame));
+  connection_->Flush();
+  for (const Outgoing& outgoing : queued) {
+    if (outgoing.written != nullptr) outgoing.written->Set();
+  }
+}
+
+void Session::OnFrameDropped(Connection& connection) {
+  // FramedWrite has reported what it dropped; what comes after the close never gets there.
+  if (connection.is_closed()) ReportDroppedFrame();
+  parts_.print.Error("write data error\n");
+}
+
+// ---- Loop thread: in
+// -------------------------------------------------------------------------------------------------
+
+void Session::DoQueueWork(std::string_view payload) {
+  const Envelope envelope = ReadEnvelope(payload);
+  if (!envelope.well_formed) return;
+  if (!envelope.name) {
+    PrintDirect("event empty!\n");
+    return;
+  }
+  if (*envelope.name == kRetval) {
+    DeliverReply(envelope, payload);
+    return;
+  }
+  work_.Queue(loop_.uv(), std::make_unique<RequestWork>(parts_.requests, connection_, payload, envelope));
+}
+
+void Session::DeliverReply(const Envelope& envelope, std::string_view payload) {
+  if (!envelope.thread_id) return;
+  const int key = *envelope.thread_id;
+  std::string reply(payload);
+  if (envelope.sem_id) {
+    const std::uintptr_t token = TextToPointer(*envelope.sem_id);
+    const Waiters::Woken woken = waiters_.WakeByToken(token, connection_->id(), key, &reply);
+    if (woken == Waiters::Woken::kWithReply) return;
+    // Ours, and its call is over: too late for anybody.
+    if (woken == Waiters::Woken::kNobody && IsWaiterToken(token)) return;
+  } else if (posts_.TakeAnswer(key)) {
+    return;
+  }
+  // It says under which key it belongs, but not to which call: a call on that key takes it when its wait is over.
+  parts_.replies.Store(key, std::move(reply));
+}
+
+void Session::OnEnd(Connection& connection, int) {
+  parts_.print.Debug("Server Closed: %d\n", connection.id());
+  RunNotice(kClosedNotice);
+  RunNotice(kBuiltinClosedNotice);
+  connection.Close();
+  // First not connected, then woken: a woken call must find the truth. And the notices have run before that.
+  connected_ = false;
+  ShutQueueAndWakeCalls();
+}
+
+void Session::RunNotice(const char* name) {
+  IServerMethod* const handler = parts_.handlers.Find(name);
+  if (handler == nullptr) return;
+  ++notices_running_;
+  RunHandler(*handler, {parts_.client, parts_.print, name, connection_->id(), nullptr, nullptr});
+  --notices_running_;
+}
+
+}  // namespace mivo

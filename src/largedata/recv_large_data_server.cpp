@@ -1,0 +1,68 @@
+#include "largedata/recv_large_data_server.h"
+
+#include <mivo/params.h>
+
+#include <utility>
+
+#include "largedata/slice.h"
+#include "largedata/slice_sender.h"
+#include "transport/builtin_keys.h"
+
+namespace mivo {
+
+namespace {
+
+// A large message may name this receiver as its method, and so on inwards. What a program has a use for nests once or
+// twice; a peer that nests a thousand levels is after our stack.
+constexpr int kDeepestNesting = 32;
+thread_local int nesting = 0;
+
+class NestingScope {
+ public:
+  NestingScope() { ++nesting; }
+  ~NestingScope() { --nesting; }
+  NestingScope(const NestingScope&) = delete;
+  NestingScope& operator=(const NestingScope&) = delete;
+};
+
+}  // namespace
+
+RecvLargeDataServer::RecvLargeDataServer(Dispatch dispatch, SendSlice send_slice)
+    : dispatch_(std::move(dispatch)), send_slice_(std::move(send_slice)) {}
+
+void RecvLargeDataServer::OnCall(int client_id, MIVOParams* request, MIVOParams* reply) {
+  const NestingScope scope;
+  const Slice slice = ReadSlice(*request);
+  std::optional<std::string> bytes = partial_table_.Add(slice);
+
+  reply->AddKeyValueString(kNameKey, kRetval);
+  if (bytes) {
+    MIVOParams whole;
+    *whole.GetParamas() = std::move(*bytes);
+    if (whole.ToParams()) {
+      reply->AddInt(1);
+      reply->AddKeyValueString(kNameKey, kRetval);
+      ServeWhole(client_id, slice.key, &whole);
+    } else {
+      reply->AddInt(-1);
+    }
+  }
+  reply->AddInt(0);
+}
+
+void RecvLargeDataServer::ServeWhole(int client_id, int key, MIVOParams* whole) {
+  const MIVOValue* const name_value = whole->GetMap(kNameKey);
+  const std::string name = name_value != nullptr && name_value->IsString() ? name_value->GetString() : "";
+
+  MIVOParams result;
+  if (nesting > kDeepestNesting) {
+    result.AddString(("no event: " + name).c_str());
+  } else {
+    dispatch_(name, client_id, whole, &result);
+  }
+  result.AddKeyValueString(kNameKey, kLargeDataKey);
+  result.AddKeyValueInt(kThreadIdKey, key);
+  SendInSlices(*result.GetParamas(), key, [&](MIVOParams* part) { return send_slice_(client_id, key, part); });
+}
+
+}  // namespace mivo

@@ -1,0 +1,33 @@
+#include "largedata/slice_sender.h"
+
+#include <mivo/params.h>
+
+#include <cstdlib>
+#include <limits>
+#include <string_view>
+
+#include "largedata/slice.h"
+#include "largedata/slice_size.h"
+
+namespace mivo {
+
+bool SendInSlices(const std::string& whole, int key, const std::function<bool(MIVOParams* slice)>& send) {
+  // The total travels as a signed 32-bit number: a longer message ends the program rather than wrap.
+  if (whole.size() > static_cast<std::size_t>(std::numeric_limits<int>::max())) std::abort();
+  const int total_size = static_cast<int>(whole.size());
+  const std::size_t slice_size = static_cast<std::size_t>(SliceSizeToUse());
+
+  std::string_view rest = whole;
+  bool is_last = false;
+  while (!is_last) {
+    is_last = rest.size() <= slice_size;
+    const std::string_view bytes = rest.substr(0, slice_size);
+    rest.remove_prefix(bytes.size());
+    MIVOParams slice;
+    WriteSlice({key, total_size, bytes}, &slice);
+    if (!send(&slice)) return false;
+  }
+  return true;
+}
+
+}  // namespace mivo

@@ -1,0 +1,28 @@
+#include "loop/loop_thread.h"
+
+#include <system_error>
+#include <utility>
+
+#include "base/sigpipe_guard.h"
+
+namespace mivo {
+
+bool LoopThread::Start(std::function<void()> body) {
+  MutexLock lock(mutex_);
+  try {
+    thread_ = std::thread([run = std::move(body)] {
+      const SigpipeGuard guard;
+      run();
+    });
+  } catch (const std::system_error&) {
+    return false;
+  }
+  return true;
+}
+
+void LoopThread::Join() {
+  MutexLock lock(mutex_);
+  if (thread_.joinable()) thread_.join();
+}
+
+}  // namespace mivo

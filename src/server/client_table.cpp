@@ -1,0 +1,79 @@
+#include "server/client_table.h"
+
+#include <utility>
+
+#include "base/identity.h"
+
+namespace mivo {
+
+namespace {
+
+// Of the whole process, one for each kind of socket; they do not fall.
+std::atomic<int> accepted_local{0};
+std::atomic<int> accepted_tcp{0};
+
+}  // namespace
+
+ClientTable::ClientTable(EventLoop& loop, Listener& listener, PrintObject& print, Events events)
+    : loop_(loop), listener_(listener), print_(print), events_(std::move(events)) {}
+
+void ClientTable::OnIncoming(int status) {
+  if (status < 0) {
+    print_.Error("New client connection error...\n");
+    return;
+  }
+  const auto connection =
+      std::make_shared<Connection>(loop_, static_cast<Connection::Owner&>(*this), NextConnectionId());
+  const int id = connection->id();
+  events_.connected(id);
+  // The notice may have closed the server.
+  if (closed_) return;
+
+  if (listener_.Accept(*connection) < 0) {
+    connection->Close();
+    print_.Error("Accept error... .\n");
+    return;
+  }
+  clients_[id].connection = connection;
+  if (listener_.is_local()) {
+    print_.Debug("Accept success: %d client id: %d all count: \n", accepted_local++, id);
+  } else {
+    print_.Debug("Accept success: %d client id: %d all count:%d \n", accepted_tcp++, id,
+                 static_cast<int>(clients_.size()));
+  }
+  if (!connection->is_closed()) connection->StartReading();
+}
+
+std::shared_ptr<Connection> ClientTable::Find(int client_id) const {
+  const auto found = clients_.find(client_id);
+  return found == clients_.end() ? nullptr : found->second.connection;
+}
+
+void ClientTable::Close() {
+  closed_ = true;
+  std::unordered_map<int, Client> clients;
+  clients.swap(clients_);
+  for (const auto& [id, client] : clients)
+    client.connection->Close();
+}
+
+void ClientTable::OnRead(Connection& connection) {
+  const auto found = clients_.find(connection.id());
+  if (found == clients_.end() || found->second.has_read) return;
+  found->second.has_read = true;
+  ++read_count_;
+}
+
+void ClientTable::OnPayload(Connection& connection, std::string_view payload) {
+  events_.payload(connection.shared_from_this(), payload);
+}
+
+void ClientTable::OnEnd(Connection& connection, int status) {
+  if (status != UV_EOF && status != 0) print_.Error("Read error %s\n", uv_err_name(status));
+  events_.closed(connection.id());
+  clients_.erase(connection.id());
+  print_.Debug("Client Close: %d\n", connection.id());
+  connection.Close();
+}
+
+}  // namespace mivo

@@ -1,0 +1,59 @@
+#include "server/dispatch.h"
+
+#include <cstring>
+
+#include "calls/handler_run.h"
+#include "transport/builtin_keys.h"
+#include "transport/connection.h"
+#include "transport/envelope.h"
+
+namespace mivo {
+
+namespace {
+
+void AnswerVersion(const MIVOParams& request, MIVOParams* reply) {
+  const MIVOValue* const banner = request.GetMap(kVersionKey);
+  reply->AddBool(banner != nullptr && banner->IsString() && std::strcmp(banner->GetString(), kVersionBanner) == 0);
+  reply->AddKeyValueString(kVersionKey, kVersionBanner);
+}
+
+// Names with a meaning of their own never reach the catch-all, handler or not.
+bool IsReserved(const std::string& name) {
+  return name == kVersionMethod || name == kClosedNotice || name == kConnectNotice;
+}
+
+}  // namespace
+
+void Dispatch::Serve(const Request& request, MIVOParams* reply) {
+  MIVOParams arguments;
+  ReadArguments(request, &arguments);
+  const int client_id = request.connection->id();
+
+  IMethodAll* const catch_all = handlers_.CatchAll();
+  if (catch_all != nullptr && handlers_.Find(request.name) == nullptr && !IsReserved(request.name)) {
+    RunCatchAll(*catch_all, {server_, print_, request.name, client_id, &arguments, reply});
+  }
+  if (request.name == kVersionMethod) {
+    AnswerVersion(arguments, reply);
+  } else {
+    CallMethod(request.name, client_id, &arguments, reply);
+  }
+  AppendServerReplyTail(*reply->GetParamas(), request.envelope);
+}
+
+void Dispatch::CallMethod(const std::string& name, int client_id, MIVOParams* request, MIVOParams* reply) {
+  IServerMethod* const handler = handlers_.Find(name);
+  if (handler == nullptr) {
+    // Also behind what a catch-all has added.
+    reply->AddString(("no event: " + name).c_str());
+    return;
+  }
+  RunHandler(*handler, {server_, print_, name, client_id, request, reply});
+}
+
+void Dispatch::Notify(const char* name, int client_id, MIVOParams* request, MIVOParams* reply) {
+  IServerMethod* const handler = handlers_.Find(name);
+  if (handler != nullptr) RunHandler(*handler, {server_, print_, name, client_id, request, reply});
+}
+
+}  // namespace mivo

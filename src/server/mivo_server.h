@@ -1,0 +1,93 @@
+// The server object: what IServer promises, put together from its parts.
+#ifndef MIVO_SERVER_MIVO_SERVER_H_
+#define MIVO_SERVER_MIVO_SERVER_H_
+
+#include <mivo/server.h>
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "base/mutex.h"
+#include "base/presence.h"
+#include "base/process.h"
+#include "calls/handler_table.h"
+#include "calls/reply_table.h"
+#include "largedata/recv_large_data_server.h"
+#include "loop/loop_thread.h"
+#include "server/dispatch.h"
+#include "transport/endpoint.h"
+#include "transport/print_object.h"
+
+namespace mivo {
+
+class Serving;
+
+// See IServer. Virtual operations call each other through the table, so that a subclass can stand in for any of them.
+class MIVOServer : public IServer {
+ public:
+  MIVOServer();
+  ~MIVOServer() override;
+
+  bool StartMIVOServer(const char* name) override;
+  bool InitMIVOServer(const char* port) override;
+  bool StartMIVOServerTcp4(const char* ip, const char* port) override;
+  bool StartMIVOServerTcp6(const char* ip, const char* port) override;
+  bool InitMIVOServerTcp4(const char* ip, const char* port) override;
+  bool InitMIVOServerTcp6(const char* ip, const char* port) override;
+  bool run() override;
+  void SetTimeoutStep(int ms) override;
+  bool isok() override;
+  bool close() override;
+  bool closeasync() override;
+  MIVOParams* SendMsg(int clientId, const char* name, MIVOParams* params, int key, int timeout) override;
+  int PostMsg(int clientId, const char* name, MIVOParams* params, int key) override;
+  int log(char* path, int level) override;
+  void method(const char* name, IServerMethod* handler) override;
+  void methodall(IMethodAll* handler) override;
+  int GetPort() override;
+  int GetClientCount() override;
+  bool isthread() override;
+  void SetCustomReleaseEvent() override;
+  void SetBigfileBufferSize(int bytes) override;
+  void ClearRetvalMem() override;
+
+  // Whether the calling thread runs a handler or notice of this server, which cannot wait for the server's end.
+  bool IsInsideItself();
+
+  // False in a child of fork, which has a copy that nothing makes work.
+  bool IsOfThisProcess() const { return process_.IsThisProcess(); }
+
+ private:
+  bool Start(const Endpoint& endpoint);
+  bool StartOnThread(const char* port, const std::function<bool(const char* port)>& start);
+  bool SendSlice(int client_id, int key, MIVOParams* slice);
+  std::unique_ptr<RecvLargeDataServer> MakeLargeDataReceiver();
+  void RegisterBuiltins();
+  std::shared_ptr<Serving> CurrentServing();
+
+  const ProcessMark process_;
+  PrintObject print_;
+  HandlerTable handlers_{HandlerTable::SecondRegistration::kReplaces};
+  ReplyTable replies_{ReplyTable::Retention::kStale};
+  Dispatch dispatch_;
+  const std::unique_ptr<RecvLargeDataServer> slice_header_receiver_;
+  const std::unique_ptr<RecvLargeDataServer> slice_receiver_;
+  Presence callers_;
+  LoopThread thread_;
+
+  // Written by the operations that set them, read by any thread.
+  std::atomic<int> port_{0};
+  std::atomic<bool> thread_mode_{false};
+  std::atomic<int> timeout_step_ms_{100};
+
+  Mutex init_mutex_;   // one Init at a time
+  Mutex start_mutex_;  // one Start at a time
+  Mutex serving_mutex_;
+  std::shared_ptr<Serving> serving_ MIVO_GUARDED_BY(serving_mutex_);
+};
+
+}  // namespace mivo
+
+#endif  // MIVO_SERVER_MIVO_SERVER_H_

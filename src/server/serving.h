@@ -1,0 +1,103 @@
+// One stretch of serving: from a successful start to the end of its loop.
+#ifndef MIVO_SERVER_SERVING_H_
+#define MIVO_SERVER_SERVING_H_
+
+#include <atomic>
+#include <memory>
+#include <string_view>
+
+#include "base/mutex.h"
+#include "base/one_shot.h"
+#include "calls/handler_table.h"
+#include "calls/reply_table.h"
+#include "loop/event_loop.h"
+#include "loop/wakeup.h"
+#include "loop/work_queue.h"
+#include "server/client_calls.h"
+#include "server/client_table.h"
+#include "server/dispatch.h"
+#include "server/listener.h"
+#include "transport/endpoint.h"
+#include "transport/print_object.h"
+
+namespace mivo {
+
+// What outlives a stretch of serving and belongs to its server.
+struct ServerParts {
+  const void* server;
+  PrintObject& print;
+  HandlerTable& handlers;
+  ReplyTable& replies;
+  Dispatch& dispatch;
+  const std::atomic<int>& timeout_step_ms;
+};
+
+// Who runs the loop is the application's choice: a thread of the server's, one of its own, or none at all between the
+// start and the end. So the loop's objects belong to whoever has taken hold of it: Start and Run take hold, and so does
+// a close when nobody else has. Anybody else asks the holder.
+//
+//   Close             handlers out of the table, queue shut, callers woken, handles closed. Work on the pool still
+//                     finishes; its replies are dropped.
+//   the loop's end    no work is left: the handlers that were running are deleted.
+class Serving {
+ public:
+  explicit Serving(const ServerParts& parts);
+  ~Serving();
+
+  // The thread that will own the loop until it returns. False: what failed was printed, everything is closed.
+  bool Start(const Endpoint& endpoint);
+
+  // Serves on the calling thread until closed. While another thread serves: waits for its end.
+  void Run();
+
+  // Any thread. Closes here and now if this is the thread that serves, or nobody serves; otherwise asks and, with
+  // `wait`, waits until it is closed.
+  enum class Wait { kNo, kUntilClosed };
+  void Close(Wait wait);
+
+  // Any thread. Asks the thread that serves, or will serve, to close.
+  void RequestClose() { close_request_.Send(); }
+
+  // Any thread. True from the start until the close.
+  bool is_running() const { return running_; }
+  bool InThread() const { return loop_.InThread(); }
+  ClientCalls& calls() { return calls_; }
+  int read_count() const { return clients_.read_count(); }
+
+ private:
+  // Whoever holds the loop may touch what belongs to it.
+  bool TryTakeLoop();
+  void TakeLoop();
+  void ReleaseLoop();
+
+  void CloseHere();
+  void CloseHandles();
+  void DoQueueWork(const std::shared_ptr<Connection>& client, std::string_view payload);
+  void AnswerCloseServer(Connection& client, const Envelope& request);
+  void Notify(const char* name, int client_id);
+  void PublishPort(const std::string& name);
+
+  const ServerParts parts_;
+  EventLoop loop_;
+  WorkQueue work_;
+  Wakeup close_request_;
+  Listener listener_;
+  ClientTable clients_;
+  ClientCalls calls_;
+
+  // Loop thread only.
+  bool closing_ = false;
+  int notices_running_ = 0;
+
+  // Written by the holder of the loop, read by any thread.
+  std::atomic<bool> running_{false};
+  OneShot closed_;
+
+  Mutex mutex_;
+  Condition loop_released_;
+  bool loop_taken_ MIVO_GUARDED_BY(mutex_) = false;
+};
+
+}  // namespace mivo
+
+#endif  // MIVO_SERVER_SERVING_H_

@@ -1,0 +1,103 @@
+#include "transport/envelope.h"
+
+#include <mivo/params.h>
+
+#include "base/pointer_text.h"
+#include "transport/builtin_keys.h"
+#include "values/decoder.h"
+#include "values/encoder.h"
+
+namespace mivo {
+
+namespace {
+
+class EnvelopeSink : public DecodeSink {
+ public:
+  explicit EnvelopeSink(Envelope& envelope) : envelope_(envelope) {}
+
+  void OnKey(std::string_view key) override {
+    // A later record of the same key replaces the earlier, also when its own value is lost or of another type.
+    if (key == kNameKey) {
+      envelope_.name.reset();
+    } else if (key == kThreadIdKey) {
+      envelope_.thread_id.reset();
+    } else if (key == kSemIdKey) {
+      envelope_.sem_id.reset();
+    } else if (key == kDataKey) {
+      envelope_.data.reset();
+    }
+  }
+
+  void OnKeyed(std::string_view key, const Scalar& value) override {
+    const bool is_text = value.tag == WireTag::kString;
+    if (key == kNameKey) {
+      if (is_text) envelope_.name = value.bytes;
+    } else if (key == kThreadIdKey) {
+      if (value.tag == WireTag::kInt) envelope_.thread_id = value.integer;
+    } else if (key == kSemIdKey) {
+      if (is_text) envelope_.sem_id = value.bytes;
+    } else if (key == kDataKey) {
+      if (is_text || value.tag == WireTag::kStream) envelope_.data = value.bytes;
+    }
+  }
+
+  void OnPositional(const Scalar&) override {}
+  void OnListBegin() override {}
+  void OnListElement(const Scalar&) override {}
+  void OnListEnd() override {}
+  void OnListMapBegin() override {}
+  void OnListMapEntry(std::string_view, const Scalar&) override {}
+  void OnListMapEnd() override {}
+
+ private:
+  Envelope& envelope_;
+};
+
+}  // namespace
+
+Envelope ReadEnvelope(std::string_view payload) {
+  Envelope envelope;
+  EnvelopeSink sink(envelope);
+  envelope.well_formed = Decode(payload, sink);
+  return envelope;
+}
+
+Envelope MoveEnvelope(const Envelope& envelope, std::string_view from, std::string_view to) {
+  const auto move = [&](const std::optional<std::string_view>& view) -> std::optional<std::string_view> {
+    if (!view) return std::nullopt;
+    return to.substr(static_cast<std::size_t>(view->data() - from.data()), view->size());
+  };
+  Envelope moved = envelope;
+  moved.name = move(envelope.name);
+  moved.sem_id = move(envelope.sem_id);
+  moved.data = move(envelope.data);
+  return moved;
+}
+
+std::string EncodeRequest(std::string_view name, int key, const MIVOParams* params, std::uintptr_t token) {
+  // Four keys, their names and stamps take less than this beside the two variable parts.
+  constexpr std::size_t kEnvelopeSize = 192;
+  const std::size_t data_size = params == nullptr ? 0 : static_cast<std::size_t>(params->Size());
+
+  std::string out;
+  out.reserve(kEnvelopeSize + name.size() + data_size);
+  AppendKeyValueString(out, kNameKey, name);
+  AppendKeyValueInt(out, kThreadIdKey, key);
+  if (params != nullptr) AppendKeyValueStream(out, kDataKey, std::string_view(params->GetParamasPtr(), data_size));
+  if (token != 0) AppendKeyValueString(out, kSemIdKey, PointerToText(token));
+  return out;
+}
+
+void AppendServerReplyTail(std::string& reply, const Envelope& request) {
+  AppendKeyValueString(reply, kNameKey, kRetval);
+  if (request.thread_id) AppendKeyValueInt(reply, kThreadIdKey, *request.thread_id);
+  if (request.sem_id) AppendKeyValueString(reply, kSemIdKey, *request.sem_id);
+}
+
+void AppendClientReplyTail(std::string& reply, const Envelope& request) {
+  AppendKeyValueInt(reply, kThreadIdKey, request.thread_id.value_or(0));
+  if (request.sem_id) AppendKeyValueString(reply, kSemIdKey, *request.sem_id);
+  AppendKeyValueString(reply, kNameKey, kRetval);
+}
+
+}  // namespace mivo
