@@ -13,9 +13,11 @@ class MIVOParams;
 // Threads: every operation may be called from any thread, also from several at once, from handlers and from the
 //   "s_c_closed" notice; only destruction must not race with other operations. On the client's own loop thread (that
 //   notice) a call never waits: it is sent, and comes back with "errorCode" -1001.
-// Blocking: Init*, SendMsg*, PostMsg* and close block as told at each. Every one of them returns: at the latest when its
+// Blocking: Init*, SendMsg*, PostMsg* and close block as told at each. Every one of them returns: at the latest when
+// its
 //   time-out has passed, the connection has ended, or the client is closed.
-// Call key: a non-zero `key` names the call; 0 means the calling thread's id. Two calls in flight at one time should not
+// Call key: a non-zero `key` names the call; 0 means the calling thread's id. Two calls in flight at one time should
+// not
 //   share a key.
 // Replies: a set returned by a call belongs to the client and stays valid until the next call with the same key starts,
 //   ClearRetvalMem, or destruction. Do not delete it. The one exception is a set holding "errorCode" that the client
@@ -43,8 +45,8 @@ class MIVO_EXPORT IClient {
   virtual void SetTimeoutStep(int ms) = 0;
 
   // Ends the connection: wakes every blocked call, deletes the registered handlers (see SetCustomReleaseEvent), waits
-  // for running handlers and for the loop thread. Takes at least 100 ms. May be repeated. In a handler or notice of this
-  // client it only begins the close and returns; a later close or DestroyClient waits for its end.
+  // for running handlers and for the loop thread. Takes at least 100 ms. May be repeated. In a handler or notice of
+  // this client it only begins the close and returns; a later close or DestroyClient waits for its end.
   virtual void close() = 0;
 
   // Calls `name` and waits for the reply; never null. `params` (null: no arguments) is only read. `timeout` is in
@@ -55,8 +57,8 @@ class MIVO_EXPORT IClient {
   virtual MIVOParams* SendMsgFast(const char* name, MIVOParams* params, int key, int timeout) = 0;
 
   // The same for arguments and results of any size, which travel in slices. `params` is emptied (unless the client was
-  // not connected). One SendMsgEx runs at a time in the process. A result that comes after its call has timed out may be
-  // taken for the result of the next SendMsgEx with the same key: give such calls keys of their own.
+  // not connected). One SendMsgEx runs at a time in the process. A result that comes after its call has timed out may
+  // be taken for the result of the next SendMsgEx with the same key: give such calls keys of their own.
   virtual MIVOParams* SendMsgEx(const char* name, MIVOParams* params, int key, int timeout) = 0;
 
   // Sends a call nobody waits for and returns 0 once it was handed to the kernel (or was dropped because there is no

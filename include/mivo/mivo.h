@@ -1,7 +1,7 @@
 // The whole remote-procedure-call interface in one include.
 //
-// The plain TCP byte server (<mivo/tcpserver.h>) and the port hand-off functions (<mivo/port_handoff.h>) stand apart and
-// are included by themselves.
+// The plain TCP byte server (<mivo/tcpserver.h>) and the port hand-off functions (<mivo/port_handoff.h>) stand apart
+// and are included by themselves.
 #ifndef MIVO_MIVO_H_
 #define MIVO_MIVO_H_
 

@@ -10,7 +10,8 @@ class MIVOParams;
 
 // One listening socket, its connections and its handlers.
 //
-// Threads: every operation may be called from any thread, from handlers and from notices; only destruction must not race
+// Threads: every operation may be called from any thread, from handlers and from notices; only destruction must not
+// race
 //   with other operations. Init* serves on a thread of the server's own; Start* and run() serve on the caller's.
 // Call key: as for IClient.
 // Replies: a set returned by SendMsg belongs to the server and stays valid until the next call with the same key,
@@ -22,8 +23,8 @@ class MIVOParams;
 // The operations stand in this order, the destructor last: the order of the virtual table is part of the interface.
 class MIVO_EXPORT IServer {
  public:
-  // Listens on the local socket "/tmp/echo.sock." + `name` (mode 0777), replacing a socket file that is there; true when
-  // listening. Serving begins with run(). False when the server already runs.
+  // Listens on the local socket "/tmp/echo.sock." + `name` (mode 0777), replacing a socket file that is there; true
+  // when listening. Serving begins with run(). False when the server already runs.
   virtual bool StartMIVOServer(const char* name) = 0;
 
   // Listens on the local socket named by the number in `port` and serves on a thread of its own; blocks until listening
@@ -36,7 +37,8 @@ class MIVO_EXPORT IServer {
   virtual bool InitMIVOServerTcp4(const char* ip, const char* port) = 0;
   virtual bool InitMIVOServerTcp6(const char* ip, const char* port) = 0;
 
-  // Serves on the calling thread until the server is closed; always true. Without a successful Start* it returns at once.
+  // Serves on the calling thread until the server is closed; always true. Without a successful Start* it returns at
+  // once.
   virtual bool run() = 0;
 
   // How often, in milliseconds, calls to clients are tested against their time-outs; below 1 means 100.
@@ -45,9 +47,9 @@ class MIVO_EXPORT IServer {
   // True while the server serves: from a successful Start* or Init* until it closes.
   virtual bool isok() = 0;
 
-  // Closes: no new work, connections ended, calls to clients woken, handlers deleted (see SetCustomReleaseEvent). On the
-  // thread that serves, and when none does, it happens at once; on any other it is handed there and waited for. In a
-  // handler it only begins. Always true.
+  // Closes: no new work, connections ended, calls to clients woken, handlers deleted (see SetCustomReleaseEvent). On
+  // the thread that serves, and when none does, it happens at once; on any other it is handed there and waited for. In
+  // a handler it only begins. Always true.
   virtual bool close() = 0;
 
   // Asks the serving thread to close and returns after about 10 ms without waiting for the end. Always true.

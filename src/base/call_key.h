@@ -8,7 +8,9 @@
 namespace mivo {
 
 // `key` if it is not 0, else the calling thread's id, asked of the kernel each time: a child of fork has another.
-inline int CallKey(int key) { return key != 0 ? key : static_cast<int>(::syscall(SYS_gettid)); }
+inline int CallKey(int key) {
+  return key != 0 ? key : static_cast<int>(::syscall(SYS_gettid));
+}
 
 }  // namespace mivo
 

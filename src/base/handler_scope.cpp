@@ -6,9 +6,13 @@ namespace {
 thread_local HandlerScope* innermost = nullptr;
 }  // namespace
 
-HandlerScope::HandlerScope(const void* object) : object_(object), outer_(innermost) { innermost = this; }
+HandlerScope::HandlerScope(const void* object) : object_(object), outer_(innermost) {
+  innermost = this;
+}
 
-HandlerScope::~HandlerScope() { innermost = outer_; }
+HandlerScope::~HandlerScope() {
+  innermost = outer_;
+}
 
 bool HandlerScope::Inside(const void* object) {
   for (const HandlerScope* scope = innermost; scope != nullptr; scope = scope->outer_) {

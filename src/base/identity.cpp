@@ -19,11 +19,14 @@ std::atomic<std::uintptr_t> next_token{kFirstToken};
 
 int NextConnectionId() {
   std::uint32_t id = 0;
-  while (id == 0) id = next_id.fetch_add(kIdStep, std::memory_order_relaxed);
+  while (id == 0)
+    id = next_id.fetch_add(kIdStep, std::memory_order_relaxed);
   return static_cast<int>(id);
 }
 
-std::uintptr_t NextWaiterToken() { return next_token.fetch_add(kTokenStep, std::memory_order_relaxed); }
+std::uintptr_t NextWaiterToken() {
+  return next_token.fetch_add(kTokenStep, std::memory_order_relaxed);
+}
 
 bool IsWaiterToken(std::uintptr_t token) {
   return token >= kFirstToken && token < next_token.load(std::memory_order_relaxed) &&

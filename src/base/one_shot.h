@@ -19,7 +19,8 @@ class OneShot {
   // Any thread. Returns once Set was called, before or after.
   void Wait() {
     MutexLock lock(mutex_);
-    while (!set_) condition_.Wait(mutex_);
+    while (!set_)
+      condition_.Wait(mutex_);
   }
 
  private:

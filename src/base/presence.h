@@ -6,7 +6,8 @@
 
 namespace mivo {
 
-// A caller that was woken still reads the object it called; whoever destroys that object waits here until all have left.
+// A caller that was woken still reads the object it called; whoever destroys that object waits here until all have
+// left.
 class Presence {
  public:
   class Scope {
@@ -22,7 +23,8 @@ class Presence {
 
   void WaitUntilNobody() {
     MutexLock lock(mutex_);
-    while (inside_ != 0) left_.Wait(mutex_);
+    while (inside_ != 0)
+      left_.Wait(mutex_);
   }
 
  private:

@@ -74,8 +74,10 @@ void HandlerTable::Release() {
     catch_alls.swap(closed_catch_alls_);
   }
   // Their destructors are the application's code: without the lock.
-  for (IServerMethod* const method : methods) delete method;
-  for (IMethodAll* const catch_all : catch_alls) delete catch_all;
+  for (IServerMethod* const method : methods)
+    delete method;
+  for (IMethodAll* const catch_all : catch_alls)
+    delete catch_all;
 }
 
 }  // namespace mivo

@@ -16,11 +16,11 @@ class IServerMethod;
 
 namespace mivo {
 
-// Any thread. The application registers handlers and gives them away; the table's owner registers built-in ones, which stay
-// its own.
+// Any thread. The application registers handlers and gives them away; the table's owner registers built-in ones, which
+// stay its own.
 //
-// The end comes in two steps, for a handler must not be deleted while it runs: Close makes every look-up find nothing, and
-// once nothing runs any more Release deletes what there was, each object once.
+// The end comes in two steps, for a handler must not be deleted while it runs: Close makes every look-up find nothing,
+// and once nothing runs any more Release deletes what there was, each object once.
 class HandlerTable {
  public:
   enum class SecondRegistration {

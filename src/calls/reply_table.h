@@ -39,8 +39,8 @@ class ReplyTable {
   // The reply of a call came: decodes and stores it; the result is the call's.
   MIVOParams* Collect(int key, std::string payload);
 
-  // A call got no reply of its own: what it returns all the same, or null. A client's call takes only what was stored for
-  // nobody and not returned yet.
+  // A call got no reply of its own: what it returns all the same, or null. A client's call takes only what was stored
+  // for nobody and not returned yet.
   MIVOParams* CollectStored(int key);
 
   // A reply came that no call waits for.

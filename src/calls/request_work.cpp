@@ -18,7 +18,9 @@ void ReadArguments(const Request& request, MIVOParams* arguments) {
   arguments->ToParams();
 }
 
-void RequestWork::Run() { server_.Serve(request_, &reply_); }
+void RequestWork::Run() {
+  server_.Serve(request_, &reply_);
+}
 
 void RequestWork::Finish() {
   if (reply_.Size() > 0) request_.connection->Send(Frame(std::move(*reply_.GetParamas())));

@@ -8,8 +8,8 @@
 
 namespace mivo {
 
-// A server answers posts as it answers calls, under the same key, only without a token. Such an answer must not be taken
-// for that of a call on the key which is waiting meanwhile. Any thread.
+// A server answers posts as it answers calls, under the same key, only without a token. Such an answer must not be
+// taken for that of a call on the key which is waiting meanwhile. Any thread.
 class UnansweredPosts {
  public:
   void Sent(int key) {

@@ -15,12 +15,12 @@ namespace mivo {
 
 // One call that waits; lives on the stack of its caller.
 //
-// While it is listed in a Waiters it belongs to whoever unlists it. Whoever unlists a waiter wakes it: so it is woken once,
-// and not touched afterwards.
+// While it is listed in a Waiters it belongs to whoever unlists it. Whoever unlists a waiter wakes it: so it is woken
+// once, and not touched afterwards.
 class Waiter {
  public:
-  // `owner` is the object the call was made through, `peer` the id of the connection it goes to. `timeout_ms` 0 means what
-  // the list says; otherwise it is taken as unsigned, so that a negative one is some 50 days.
+  // `owner` is the object the call was made through, `peer` the id of the connection it goes to. `timeout_ms` 0 means
+  // what the list says; otherwise it is taken as unsigned, so that a negative one is some 50 days.
   Waiter(const void* owner, int peer, int key, int timeout_ms);
   Waiter(const Waiter&) = delete;
   Waiter& operator=(const Waiter&) = delete;
@@ -61,9 +61,9 @@ class Waiters {
   bool Unlist(Waiter& waiter);
 
   enum class Woken {
-    kWithReply,     // the reply was taken
-    kWithNothing,   // the waiter waits under another key: it was woken, the reply is as it was
-    kNobody,        // no such waiter: the reply is as it was
+    kWithReply,    // the reply was taken
+    kWithNothing,  // the waiter waits under another key: it was woken, the reply is as it was
+    kNobody,       // no such waiter: the reply is as it was
   };
 
   // Wakes the waiter that `token` names, if its call went to `peer`: nobody answers a call made to another.

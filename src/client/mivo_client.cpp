@@ -46,7 +46,9 @@ class TurnLock {
   Mutex* const mutex_;
 };
 
-const char* TextOrEmpty(const char* text) { return text == nullptr ? "" : text; }
+const char* TextOrEmpty(const char* text) {
+  return text == nullptr ? "" : text;
+}
 
 MIVOParams* ErrorSet(int code) {
   auto* set = new MIVOParams;
@@ -75,9 +77,12 @@ MIVOClient::~MIVOClient() {
   callers_.WaitUntilNobody();
 }
 
-// ---- Connecting and closing ------------------------------------------------------------------------------------------
+// ---- Connecting and closing
+// ------------------------------------------------------------------------------------------
 
-bool MIVOClient::InitMIVOClient(const char* name, bool) { return Init({Endpoint::kLocal, TextOrEmpty(name), ""}); }
+bool MIVOClient::InitMIVOClient(const char* name, bool) {
+  return Init({Endpoint::kLocal, TextOrEmpty(name), ""});
+}
 
 bool MIVOClient::InitMIVOClientTcp4(const char* host, const char* port, bool) {
   return Init({Endpoint::kTcp4, TextOrEmpty(port), TextOrEmpty(host)});
@@ -103,8 +108,8 @@ bool MIVOClient::Init(Endpoint endpoint) {
 
   // Known before it connects, so that a close can end the attempt.
   const std::string name = endpoint.name;
-  const auto session = std::make_shared<Session>(
-      ClientParts{this, print_, handlers_, replies_, large_replies_, *this}, std::move(endpoint));
+  const auto session = std::make_shared<Session>(ClientParts{this, print_, handlers_, replies_, large_replies_, *this},
+                                                 std::move(endpoint));
   SetSession(session);
   if (!session->Connect()) {
     DropSession(session);
@@ -186,7 +191,8 @@ void MIVOClient::DropSession(const std::shared_ptr<Session>& session) {
   if (session_ == session) session_.reset();
 }
 
-// ---- Calls -----------------------------------------------------------------------------------------------------------
+// ---- Calls
+// -----------------------------------------------------------------------------------------------------------
 
 MIVOParams* MIVOClient::SendMsg(const char* name, MIVOParams* params, int key, int timeout) {
   const TurnLock turn(call_mutex);
@@ -213,8 +219,7 @@ MIVOClient::CallResult MIVOClient::Call(const char* name, MIVOParams* params, in
   const int call_key = CallKey(key);
   replies_.BeginCall(call_key);
   std::optional<std::string> reply = session->Call(TextOrEmpty(name), params, call_key, timeout);
-  MIVOParams* const set =
-      reply ? replies_.Collect(call_key, std::move(*reply)) : replies_.CollectStored(call_key);
+  MIVOParams* const set = reply ? replies_.Collect(call_key, std::move(*reply)) : replies_.CollectStored(call_key);
   if (set == nullptr) return {ErrorSet(kErrorNoReply), true};
   return {set, false};
 }
@@ -289,7 +294,8 @@ void MIVOClient::ClearRetvalMem() {
   large_replies_.Clear();
 }
 
-// ---- Serving ---------------------------------------------------------------------------------------------------------
+// ---- Serving
+// ---------------------------------------------------------------------------------------------------------
 
 void MIVOClient::Serve(const Request& request, MIVOParams* reply) {
   IServerMethod* const handler = handlers_.Find(request.name);
@@ -304,25 +310,40 @@ void MIVOClient::Serve(const Request& request, MIVOParams* reply) {
   AppendClientReplyTail(*reply->GetParamas(), request.envelope);
 }
 
-void MIVOClient::method(const char* name, IServerMethod* handler) { handlers_.Register(name, handler); }
+void MIVOClient::method(const char* name, IServerMethod* handler) {
+  handlers_.Register(name, handler);
+}
 
-void MIVOClient::methodall(IMethodAll* handler) { handlers_.RegisterCatchAll(handler); }
+void MIVOClient::methodall(IMethodAll* handler) {
+  handlers_.RegisterCatchAll(handler);
+}
 
-void MIVOClient::SetCustomReleaseEvent() { handlers_.KeepHandlers(); }
+void MIVOClient::SetCustomReleaseEvent() {
+  handlers_.KeepHandlers();
+}
 
-// ---- Settings --------------------------------------------------------------------------------------------------------
+// ---- Settings
+// --------------------------------------------------------------------------------------------------------
 
 void MIVOClient::SetTimeoutStep(int) {}
 
-int MIVOClient::log(char* text, int level) { return print_.SetLevel(text, level); }
+int MIVOClient::log(char* text, int level) {
+  return print_.SetLevel(text, level);
+}
 
-void MIVOClient::SetBigfileBufferSize(int bytes) { SetSliceSize(bytes); }
+void MIVOClient::SetBigfileBufferSize(int bytes) {
+  SetSliceSize(bytes);
+}
 
-int MIVOClient::GetBigfileBufferSize() { return SliceSizeAsSet(); }
+int MIVOClient::GetBigfileBufferSize() {
+  return SliceSizeAsSet();
+}
 
 }  // namespace mivo
 
-IClient* CreateClient() { return new mivo::MIVOClient; }
+IClient* CreateClient() {
+  return new mivo::MIVOClient;
+}
 
 void DestroyClient(IClient* client) {
   if (client == nullptr) return;

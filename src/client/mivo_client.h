@@ -11,8 +11,8 @@
 #include "calls/handler_table.h"
 #include "calls/reply_table.h"
 #include "calls/request_work.h"
-#include "largedata/recv_large_data_client.h"
 #include "client/server_closed.h"
+#include "largedata/recv_large_data_client.h"
 #include "transport/endpoint.h"
 #include "transport/print_object.h"
 
@@ -45,8 +45,8 @@ class MIVOClient : public IClient, private RequestServer {
   int GetBigfileBufferSize() override;
   void ClearRetvalMem() override;
 
-  // Sends `params`, with the name and `key` added to it, in slices of one call each. True: every slice was sent, whatever
-  // was answered.
+  // Sends `params`, with the name and `key` added to it, in slices of one call each. True: every slice was sent,
+  // whatever was answered.
   bool SendMsgLargeData(const char* name, MIVOParams* params, int key, int timeout);
 
   // Whether the calling thread runs a handler or notice of this client, which cannot wait for the client's end.

@@ -22,14 +22,20 @@ constexpr std::uint64_t kSweepMs = 100;
 
 }  // namespace
 
-Session::Session(const ClientParts& parts, Endpoint endpoint) : parts_(parts), endpoint_(std::move(endpoint)) {}
+Session::Session(const ClientParts& parts, Endpoint endpoint)
+    : parts_(parts),
+      endpoint_(std::move(endpoint)),
+      connection_(std::make_shared<Connection>(loop_, static_cast<Connection::Owner&>(*this), NextConnectionId())),
+      connector_(endpoint_, *connection_) {}
 
-Session::~Session() { thread_.Join(); }
+Session::~Session() {
+  thread_.Join();
+}
 
 bool Session::Connect() {
   if (!thread_.Start([this] { RunThread(); })) return false;
   started_.Wait();
-  if (connecting_ == Connecting::kDone) return true;
+  if (is_up_) return true;
   thread_.Join();
   return false;
 }
@@ -75,21 +81,24 @@ void Session::Close(Handlers handlers) {
   close_request_.Send();
 }
 
-// ---- Loop thread: from the start to the end --------------------------------------------------------------------------
+// ---- Loop thread: from the start to the end
+// --------------------------------------------------------------------------
 
 void Session::RunThread() {
   const EventLoop::ThreadScope scope(loop_);
   switch (endpoint_.kind) {
-    case Endpoint::kLocal: parts_.print.Debug("%s\n", kVersionBanner); break;
-    case Endpoint::kTcp4: parts_.print.Debug("Tcp4: %s\n", kVersionBanner); break;
-    case Endpoint::kTcp6: parts_.print.Debug("Tcp6: %s\n", kVersionBanner); break;
+    case Endpoint::kLocal:
+      parts_.print.Debug("%s\n", kVersionBanner);
+      break;
+    case Endpoint::kTcp4:
+      parts_.print.Debug("Tcp4: %s\n", kVersionBanner);
+      break;
+    case Endpoint::kTcp6:
+      parts_.print.Debug("Tcp6: %s\n", kVersionBanner);
+      break;
   }
-  if (OpenLoop()) {
-    StartConnect();
-    loop_.RunUntil([this] { return connecting_ != Connecting::kPending; });
-  }
-  if (connecting_ != Connecting::kDone || !StartServing()) {
-    connecting_ = Connecting::kFailed;
+  is_up_ = OpenLoop() && ConnectStream() && StartServing();
+  if (!is_up_) {
     CloseHandles();
     loop_.Close();
     started_.Set();
@@ -116,63 +125,22 @@ void Session::RunThread() {
 
 bool Session::OpenLoop() {
   if (loop_.Open() < 0) {
-    ReportTcpFailure("uv_loop_init error");
+    connector_.Report("uv_loop_init error");
     return false;
   }
   return close_request_.Open(loop_.uv(), [this] { AsyncClose(); }) == 0;
 }
 
-void Session::ReportTcpFailure(const char* step) {
-  if (endpoint_.kind == Endpoint::kTcp4) PrintDirect("%s\n", step);
+bool Session::ConnectStream() {
+  if (close_wanted_) return false;
+  connector_.Start();
+  loop_.RunUntil([this] { return connector_.state() != Connector::State::kConnecting; });
+  return connector_.state() == Connector::State::kConnected;
 }
-
-void Session::StartConnect() {
-  connection_ = std::make_shared<Connection>(loop_, static_cast<Connection::Owner&>(*this), NextConnectionId());
-  connect_request_.data = this;
-  if (close_wanted_) {
-    connecting_ = Connecting::kFailed;
-  } else if (endpoint_.kind == Endpoint::kLocal) {
-    StartConnectLocal();
-  } else {
-    StartConnectTcp();
-  }
-}
-
-void Session::StartConnectLocal() {
-  const std::string path = SocketPath(endpoint_);
-  if (!FitsSocketAddress(path) || connection_->OpenLocal() < 0) {
-    connecting_ = Connecting::kFailed;
-    return;
-  }
-  uv_pipe_connect(&connect_request_, connection_->pipe(), path.c_str(), [](uv_connect_t* request, int status) {
-    static_cast<Session*>(request->data)->OnConnected(status);
-  });
-}
-
-void Session::StartConnectTcp() {
-  if (connection_->OpenTcp() < 0) {
-    ReportTcpFailure("uv_tcp_init error");
-    connecting_ = Connecting::kFailed;
-    return;
-  }
-  sockaddr_storage address;
-  if (ToSocketAddress(endpoint_, &address) < 0) ReportTcpFailure("uv_ip4_addr error");
-  const int status = uv_tcp_connect(&connect_request_, connection_->tcp(), reinterpret_cast<const sockaddr*>(&address),
-                                    [](uv_connect_t* request, int connect_status) {
-                                      static_cast<Session*>(request->data)->OnConnected(connect_status);
-                                    });
-  if (status < 0) {
-    ReportTcpFailure("uv_tcp_connect error");
-    connecting_ = Connecting::kFailed;
-  }
-}
-
-void Session::OnConnected(int status) { connecting_ = status < 0 ? Connecting::kFailed : Connecting::kDone; }
 
 bool Session::StartServing() {
   return outgoing_.Open(loop_.uv(), [this](std::vector<Outgoing> queued) { SendQueued(std::move(queued)); }) == 0 &&
-         connection_->StartReading() == 0 &&
-         sweep_timer_.Start(loop_.uv(), kFirstSweepMs, kSweepMs, [this] {
+         connection_->StartReading() == 0 && sweep_timer_.Start(loop_.uv(), kFirstSweepMs, kSweepMs, [this] {
            const std::int64_t now_ms = NowMs();
            waiters_.Sweep(now_ms);
            large_waiters_.Sweep(now_ms);
@@ -181,7 +149,7 @@ bool Session::StartServing() {
 
 void Session::AsyncClose() {
   // While connecting, ending the stream ends the attempt.
-  if (connecting_ == Connecting::kPending) {
+  if (connector_.state() == Connector::State::kConnecting) {
     connection_->Close();
     return;
   }
@@ -209,7 +177,7 @@ void Session::CloseHandles() {
   sweep_timer_.Close();
   close_request_.Close();
   outgoing_.Close();
-  if (connection_) connection_->Close();
+  connection_->Close();
 }
 
 void Session::ShutQueueAndWakeCalls() {
@@ -220,10 +188,12 @@ void Session::ShutQueueAndWakeCalls() {
   large_waiters_.ReleaseAll(parts_.client);
 }
 
-// ---- Loop thread: out ------------------------------------------------------------------------------------------------
+// ---- Loop thread: out
+// ------------------------------------------------------------------------------------------------
 
 void Session::SendQueued(std::vector<Outgoing> queued) {
-  for (Outgoing& outgoing : queued) connection_->Send(std::move(outgoing.frame));
+  for (Outgoing& outgoing : queued)
+    connection_->Send(std::move(outgoing.frame));
   connection_->Flush();
   for (const Outgoing& outgoing : queued) {
     if (outgoing.written != nullptr) outgoing.written->Set();
@@ -236,7 +206,8 @@ void Session::OnFrameDropped(Connection& connection) {
   parts_.print.Error("write data error\n");
 }
 
-// ---- Loop thread: in -------------------------------------------------------------------------------------------------
+// ---- Loop thread: in
+// -------------------------------------------------------------------------------------------------
 
 void Session::DoQueueWork(std::string_view payload) {
   const Envelope envelope = ReadEnvelope(payload);

@@ -18,6 +18,7 @@
 #include "calls/request_work.h"
 #include "calls/unanswered_posts.h"
 #include "calls/waiters.h"
+#include "client/connector.h"
 #include "loop/event_loop.h"
 #include "loop/hand_over.h"
 #include "loop/loop_thread.h"
@@ -43,13 +44,15 @@ struct ClientParts {
 // Everything that must not survive a connection lives here and dies with it: a new connection gets a new session.
 //
 // Who ends what, in order:
-//   the connection ends    the notices run; then isok is false; then the queue is shut, and every waiting call is woken.
+//   the connection ends    the notices run; then isok is false; then the queue is shut, and every waiting call is
+//   woken.
 //                          The loop goes on until it is closed.
-//   Close                  on the loop thread: handlers out of the table, queue shut, calls woken, handles closed. Work on
+//   Close                  on the loop thread: handlers out of the table, queue shut, calls woken, handles closed. Work
+//   on
 //                          the pool still finishes; its replies are dropped.
 //   the loop's end         no work is left: the handlers that were running are deleted, and the thread ends.
-// A call lists itself as waiting before it pushes its request. So a push that is taken before the queue is shut belongs to a
-// waiter that is woken afterwards, and a push that is refused tells its caller.
+// A call lists itself as waiting before it pushes its request. So a push that is taken before the queue is shut belongs
+// to a waiter that is woken afterwards, and a push that is refused tells its caller.
 class Session : private Connection::Owner {
  public:
   Session(const ClientParts& parts, Endpoint endpoint);
@@ -97,13 +100,9 @@ class Session : private Connection::Owner {
   // Loop thread, all of these.
   void RunThread();
   bool OpenLoop();
-  void StartConnect();
-  void StartConnectLocal();
-  void StartConnectTcp();
-  void OnConnected(int status);
+  bool ConnectStream();
   bool StartServing();
   void CloseHandles();
-  void ReportTcpFailure(const char* step);
   void SendQueued(std::vector<Outgoing> queued);
   void DoQueueWork(std::string_view payload);
   void DeliverReply(const Envelope& envelope, std::string_view payload);
@@ -127,7 +126,8 @@ class Session : private Connection::Owner {
   HandOver<Outgoing> outgoing_;
   Timer sweep_timer_;
   WorkQueue work_;
-  std::shared_ptr<Connection> connection_;
+  const std::shared_ptr<Connection> connection_;
+  Connector connector_;
   Waiters waiters_{Waiters::ZeroTimeout::kWaitsForEver};
   Waiters large_waiters_{Waiters::ZeroTimeout::kWaitsForEver};
   UnansweredPosts posts_;
@@ -138,9 +138,10 @@ class Session : private Connection::Owner {
   std::atomic<bool> close_wanted_{false};
   std::atomic<bool> release_handlers_{false};
 
+  // Written by the loop thread before started_ is set: whether the session came about.
+  bool is_up_ = false;
+
   // Loop thread only.
-  enum class Connecting { kPending, kDone, kFailed } connecting_ = Connecting::kPending;
-  uv_connect_t connect_request_{};
   int notices_running_ = 0;
 };
 

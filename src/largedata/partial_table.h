@@ -11,8 +11,8 @@
 
 namespace mivo {
 
-// By call key alone: a message whose transfer was broken off stays, also beyond its connection, and the next transfer on the
-// key goes on behind it. Any thread.
+// By call key alone: a message whose transfer was broken off stays, also beyond its connection, and the next transfer
+// on the key goes on behind it. Any thread.
 class PartialTable {
  public:
   // Appends the slice; the whole message, taken out of the table, if its announced size has been reached.

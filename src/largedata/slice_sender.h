@@ -9,8 +9,8 @@ class MIVOParams;
 
 namespace mivo {
 
-// `send` sends one slice and waits for its answer; false ends the transfer. True if every slice was sent. There is always
-// at least one; all but the last are of the slice size in force when the transfer begins.
+// `send` sends one slice and waits for its answer; false ends the transfer. True if every slice was sent. There is
+// always at least one; all but the last are of the slice size in force when the transfer begins.
 bool SendInSlices(const std::string& whole, int key, const std::function<bool(MIVOParams* slice)>& send);
 
 }  // namespace mivo

@@ -13,9 +13,13 @@ std::atomic<int> bigfile_buffer_size{kDefaultSliceSize};
 
 }  // namespace
 
-void SetSliceSize(int bytes) { bigfile_buffer_size = bytes; }
+void SetSliceSize(int bytes) {
+  bigfile_buffer_size = bytes;
+}
 
-int SliceSizeAsSet() { return bigfile_buffer_size; }
+int SliceSizeAsSet() {
+  return bigfile_buffer_size;
+}
 
 int SliceSizeToUse() {
   const int bytes = bigfile_buffer_size;

@@ -19,9 +19,13 @@ EventLoop::ThreadScope::~ThreadScope() {
   loop_.thread_ = std::thread::id();
 }
 
-bool EventLoop::InAnyThread() { return loops_on_this_thread > 0; }
+bool EventLoop::InAnyThread() {
+  return loops_on_this_thread > 0;
+}
 
-EventLoop::~EventLoop() { Close(); }
+EventLoop::~EventLoop() {
+  Close();
+}
 
 int EventLoop::Open() {
   const int status = uv_loop_init(&loop_);
@@ -42,20 +46,26 @@ int EventLoop::Open() {
   return 0;
 }
 
-void EventLoop::Run() { uv_run(&loop_, UV_RUN_DEFAULT); }
-
-void EventLoop::RunUntil(const std::function<bool()>& done) {
-  while (!done()) uv_run(&loop_, UV_RUN_ONCE);
+void EventLoop::Run() {
+  uv_run(&loop_, UV_RUN_DEFAULT);
 }
 
-void EventLoop::AtTurnEnd(std::function<void()> job) { turn_end_jobs_.push_back(std::move(job)); }
+void EventLoop::RunUntil(const std::function<bool()>& done) {
+  while (!done())
+    uv_run(&loop_, UV_RUN_ONCE);
+}
+
+void EventLoop::AtTurnEnd(std::function<void()> job) {
+  turn_end_jobs_.push_back(std::move(job));
+}
 
 void EventLoop::RunTurnEndJobs() {
   // A job may add further ones.
   while (!turn_end_jobs_.empty()) {
     std::vector<std::function<void()>> jobs;
     jobs.swap(turn_end_jobs_);
-    for (std::function<void()>& job : jobs) job();
+    for (std::function<void()>& job : jobs)
+      job();
   }
 }
 

@@ -50,15 +50,13 @@ class EventLoop {
   // is thus carried out together, and an object can be destroyed outside its own callback.
   void AtTurnEnd(std::function<void()> job);
 
-  // Loop thread, or nobody runs the loop. All handles of others must be closed or closing: waits for their callbacks and
-  // for work on the pool, then closes the loop. May be repeated.
+  // Loop thread, or nobody runs the loop. All handles of others must be closed or closing: waits for their callbacks
+  // and for work on the pool, then closes the loop. May be repeated.
   void Close();
 
   // Loop thread. libuv asks for a buffer, reads into it and delivers it before it asks again, and nobody keeps a chunk
   // beyond its delivery: one buffer serves every stream of the loop.
-  uv_buf_t ReadBuffer() {
-    return uv_buf_init(read_buffer_.data(), static_cast<unsigned int>(read_buffer_.size()));
-  }
+  uv_buf_t ReadBuffer() { return uv_buf_init(read_buffer_.data(), static_cast<unsigned int>(read_buffer_.size())); }
 
   bool is_open() const { return open_; }
   uv_loop_t* uv() { return &loop_; }

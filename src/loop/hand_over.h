@@ -15,8 +15,9 @@ namespace mivo {
 
 // First in, first out. The loop is woken once for all that came before it looked.
 //
-// Whoever pushes successfully may rely on it: the item reaches `drain`, or comes back from Close. So a caller that waits for
-// an item's completion lists itself first and pushes then: either the push is refused, or somebody will wake it.
+// Whoever pushes successfully may rely on it: the item reaches `drain`, or comes back from Close. So a caller that
+// waits for an item's completion lists itself first and pushes then: either the push is refused, or somebody will wake
+// it.
 template <class Item>
 class HandOver {
  public:

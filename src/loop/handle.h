@@ -9,8 +9,8 @@
 
 namespace mivo {
 
-// libuv may use a handle until its close callback has run, which is after the owner has gone. So the handle lives in a block
-// of its own: the owner starts the close, the callback frees the block. `data` points at the owner until then.
+// libuv may use a handle until its close callback has run, which is after the owner has gone. So the handle lives in a
+// block of its own: the owner starts the close, the callback frees the block. `data` points at the owner until then.
 //
 // Loop thread, as everything that touches a handle.
 template <class T>

@@ -11,8 +11,8 @@
 
 namespace mivo {
 
-// libuv forbids waking through a handle that is closed, and a closed loop aborts the process. The lock makes "still open"
-// and "wake" one step.
+// libuv forbids waking through a handle that is closed, and a closed loop aborts the process. The lock makes "still
+// open" and "wake" one step.
 class Wakeup {
  public:
   // Loop thread. `wake` will be called there, at least once after each Send. Returns libuv's result.

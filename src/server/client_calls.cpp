@@ -62,7 +62,8 @@ void ClientCalls::SendQueued(std::vector<Outgoing> queued) {
       AllWaiters().Release(outgoing.token);
     }
   }
-  for (const std::shared_ptr<Connection>& client : used) client->Flush();
+  for (const std::shared_ptr<Connection>& client : used)
+    client->Flush();
   for (const Outgoing& outgoing : queued) {
     if (outgoing.written != nullptr) outgoing.written->Set();
   }

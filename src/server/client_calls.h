@@ -23,9 +23,9 @@ class MIVOParams;
 
 namespace mivo {
 
-// The callers of all servers of the process wait in one list, and the timer of each server looks after all of them. As on
-// the client, a caller lists itself before it pushes its request: once the queue is shut, whoever is listed gets woken, and
-// nobody comes after.
+// The callers of all servers of the process wait in one list, and the timer of each server looks after all of them. As
+// on the client, a caller lists itself before it pushes its request: once the queue is shut, whoever is listed gets
+// woken, and nobody comes after.
 class ClientCalls {
  public:
   // `timeout_step_ms` may change at any time.

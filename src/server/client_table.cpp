@@ -53,7 +53,8 @@ void ClientTable::Close() {
   closed_ = true;
   std::unordered_map<int, Client> clients;
   clients.swap(clients_);
-  for (const auto& [id, client] : clients) client.connection->Close();
+  for (const auto& [id, client] : clients)
+    client.connection->Close();
 }
 
 void ClientTable::OnRead(Connection& connection) {

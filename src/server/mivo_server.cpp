@@ -22,7 +22,9 @@ constexpr int kDefaultTimeoutStepMs = 100;
 constexpr int kSliceTimeoutMs = 500;
 constexpr unsigned int kCloseAsyncPauseUs = 10000;
 
-std::string TextOrEmpty(const char* text) { return text == nullptr ? "" : text; }
+std::string TextOrEmpty(const char* text) {
+  return text == nullptr ? "" : text;
+}
 
 }  // namespace
 
@@ -62,9 +64,12 @@ void MIVOServer::RegisterBuiltins() {
   handlers_.RegisterBuiltin(kSliceMethod, slice_receiver_.get());
 }
 
-// ---- Starting --------------------------------------------------------------------------------------------------------
+// ---- Starting
+// --------------------------------------------------------------------------------------------------------
 
-bool MIVOServer::StartMIVOServer(const char* name) { return Start({Endpoint::kLocal, TextOrEmpty(name), ""}); }
+bool MIVOServer::StartMIVOServer(const char* name) {
+  return Start({Endpoint::kLocal, TextOrEmpty(name), ""});
+}
 
 bool MIVOServer::StartMIVOServerTcp4(const char* ip, const char* port) {
   return Start({Endpoint::kTcp4, TextOrEmpty(port), TextOrEmpty(ip)});
@@ -86,8 +91,7 @@ bool MIVOServer::Start(Endpoint endpoint) {
   RegisterBuiltins();
   port_ = PortNumber(endpoint.name);
 
-  auto serving =
-      std::make_shared<Serving>(ServerParts{this, print_, handlers_, replies_, dispatch_, timeout_step_ms_});
+  auto serving = std::make_shared<Serving>(ServerParts{this, print_, handlers_, replies_, dispatch_, timeout_step_ms_});
   if (!serving->Start(endpoint)) return false;
   MutexLock serving_lock(serving_mutex_);
   serving_.swap(serving);
@@ -99,15 +103,13 @@ bool MIVOServer::InitMIVOServer(const char* port) {
 }
 
 bool MIVOServer::InitMIVOServerTcp4(const char* ip, const char* port) {
-  return StartOnThread(port, [this, host = TextOrEmpty(ip)](const char* text) {
-    return StartMIVOServerTcp4(host.c_str(), text);
-  });
+  return StartOnThread(
+      port, [this, host = TextOrEmpty(ip)](const char* text) { return StartMIVOServerTcp4(host.c_str(), text); });
 }
 
 bool MIVOServer::InitMIVOServerTcp6(const char* ip, const char* port) {
-  return StartOnThread(port, [this, host = TextOrEmpty(ip)](const char* text) {
-    return StartMIVOServerTcp6(host.c_str(), text);
-  });
+  return StartOnThread(
+      port, [this, host = TextOrEmpty(ip)](const char* text) { return StartMIVOServerTcp6(host.c_str(), text); });
 }
 
 bool MIVOServer::StartOnThread(const char* port, const std::function<bool(const char* port)>& start) {
@@ -139,7 +141,8 @@ bool MIVOServer::run() {
   return true;
 }
 
-// ---- Closing ---------------------------------------------------------------------------------------------------------
+// ---- Closing
+// ---------------------------------------------------------------------------------------------------------
 
 bool MIVOServer::close() {
   const std::shared_ptr<Serving> serving = CurrentServing();
@@ -175,7 +178,8 @@ std::shared_ptr<Serving> MIVOServer::CurrentServing() {
   return serving_;
 }
 
-// ---- Calls to clients ------------------------------------------------------------------------------------------------
+// ---- Calls to clients
+// ------------------------------------------------------------------------------------------------
 
 MIVOParams* MIVOServer::SendMsg(int clientId, const char* name, MIVOParams* params, int key, int timeout) {
   const Presence::Scope inside(callers_);
@@ -186,8 +190,7 @@ MIVOParams* MIVOServer::SendMsg(int clientId, const char* name, MIVOParams* para
   }
   const int call_key = CallKey(key);
   replies_.BeginCall(call_key);
-  std::optional<std::string> reply =
-      serving->calls().Call(clientId, TextOrEmpty(name), params, call_key, timeout);
+  std::optional<std::string> reply = serving->calls().Call(clientId, TextOrEmpty(name), params, call_key, timeout);
   return reply ? replies_.Collect(call_key, std::move(*reply)) : replies_.CollectStored(call_key);
 }
 
@@ -202,9 +205,12 @@ int MIVOServer::PostMsg(int clientId, const char* name, MIVOParams* params, int 
   return 0;
 }
 
-void MIVOServer::ClearRetvalMem() { replies_.Clear(); }
+void MIVOServer::ClearRetvalMem() {
+  replies_.Clear();
+}
 
-// ---- Handlers and settings -------------------------------------------------------------------------------------------
+// ---- Handlers and settings
+// -------------------------------------------------------------------------------------------
 
 void MIVOServer::method(const char* name, IServerMethod* handler) {
   if (name != nullptr && std::strcmp(name, kLogSink) == 0) {
@@ -214,28 +220,44 @@ void MIVOServer::method(const char* name, IServerMethod* handler) {
   }
 }
 
-void MIVOServer::methodall(IMethodAll* handler) { handlers_.RegisterCatchAll(handler); }
+void MIVOServer::methodall(IMethodAll* handler) {
+  handlers_.RegisterCatchAll(handler);
+}
 
-void MIVOServer::SetCustomReleaseEvent() { handlers_.KeepHandlers(); }
+void MIVOServer::SetCustomReleaseEvent() {
+  handlers_.KeepHandlers();
+}
 
-void MIVOServer::SetTimeoutStep(int ms) { timeout_step_ms_ = ms < 1 ? kDefaultTimeoutStepMs : ms; }
+void MIVOServer::SetTimeoutStep(int ms) {
+  timeout_step_ms_ = ms < 1 ? kDefaultTimeoutStepMs : ms;
+}
 
-int MIVOServer::log(char* path, int level) { return print_.SetLevel(path, level); }
+int MIVOServer::log(char* path, int level) {
+  return print_.SetLevel(path, level);
+}
 
-int MIVOServer::GetPort() { return port_; }
+int MIVOServer::GetPort() {
+  return port_;
+}
 
 int MIVOServer::GetClientCount() {
   const std::shared_ptr<Serving> serving = CurrentServing();
   return serving ? serving->read_count() : 0;
 }
 
-bool MIVOServer::isthread() { return thread_mode_; }
+bool MIVOServer::isthread() {
+  return thread_mode_;
+}
 
-void MIVOServer::SetBigfileBufferSize(int bytes) { SetSliceSize(bytes); }
+void MIVOServer::SetBigfileBufferSize(int bytes) {
+  SetSliceSize(bytes);
+}
 
 }  // namespace mivo
 
-IServer* CreateServer() { return new mivo::MIVOServer; }
+IServer* CreateServer() {
+  return new mivo::MIVOServer;
+}
 
 void DestroyServer(IServer* server) {
   if (server == nullptr) return;

@@ -21,9 +21,12 @@ Serving::Serving(const ServerParts& parts)
                 }}),
       calls_(parts.server, loop_, clients_, parts.replies, parts.timeout_step_ms) {}
 
-Serving::~Serving() { Run(); }
+Serving::~Serving() {
+  Run();
+}
 
-// ---- Who holds the loop ----------------------------------------------------------------------------------------------
+// ---- Who holds the loop
+// ----------------------------------------------------------------------------------------------
 
 bool Serving::TryTakeLoop() {
   MutexLock lock(mutex_);
@@ -32,7 +35,8 @@ bool Serving::TryTakeLoop() {
 
 void Serving::TakeLoop() {
   MutexLock lock(mutex_);
-  while (loop_taken_) loop_released_.Wait(mutex_);
+  while (loop_taken_)
+    loop_released_.Wait(mutex_);
   loop_taken_ = true;
 }
 
@@ -42,7 +46,8 @@ void Serving::ReleaseLoop() {
   loop_released_.NotifyAll();
 }
 
-// ---- From the start to the end ---------------------------------------------------------------------------------------
+// ---- From the start to the end
+// ---------------------------------------------------------------------------------------
 
 bool Serving::Start(const Endpoint& endpoint) {
   TakeLoop();
@@ -119,7 +124,8 @@ void Serving::CloseHandles() {
   close_request_.Close();
 }
 
-// ---- What comes in ---------------------------------------------------------------------------------------------------
+// ---- What comes in
+// ---------------------------------------------------------------------------------------------------
 
 void Serving::DoQueueWork(const std::shared_ptr<Connection>& client, std::string_view payload) {
   const Envelope envelope = ReadEnvelope(payload);

@@ -32,9 +32,9 @@ struct ServerParts {
   const std::atomic<int>& timeout_step_ms;
 };
 
-// Who runs the loop is the application's choice: a thread of the server's, one of its own, or none at all between the start
-// and the end. So the loop's objects belong to whoever has taken hold of it: Start and Run take hold, and so does a close
-// when nobody else has. Anybody else asks the holder.
+// Who runs the loop is the application's choice: a thread of the server's, one of its own, or none at all between the
+// start and the end. So the loop's objects belong to whoever has taken hold of it: Start and Run take hold, and so does
+// a close when nobody else has. Anybody else asks the holder.
 //
 //   Close             handlers out of the table, queue shut, callers woken, handles closed. Work on the pool still
 //                     finishes; its replies are dropped.

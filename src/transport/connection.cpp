@@ -71,7 +71,8 @@ void Connection::Flush() {
   frames.swap(outbox_);
   const std::size_t count = frames.size();
   if (FramedWrite(stream(), std::move(frames)) >= 0) return;
-  for (std::size_t i = 0; i < count; ++i) owner_.OnFrameDropped(*this);
+  for (std::size_t i = 0; i < count; ++i)
+    owner_.OnFrameDropped(*this);
 }
 
 void Connection::Close() {

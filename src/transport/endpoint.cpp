@@ -7,11 +7,17 @@
 
 namespace mivo {
 
-std::string SocketPath(const Endpoint& endpoint) { return "/tmp/echo.sock." + endpoint.name; }
+std::string SocketPath(const Endpoint& endpoint) {
+  return "/tmp/echo.sock." + endpoint.name;
+}
 
-bool FitsSocketAddress(const std::string& path) { return path.size() < sizeof(sockaddr_un::sun_path); }
+bool FitsSocketAddress(const std::string& path) {
+  return path.size() < sizeof(sockaddr_un::sun_path);
+}
 
-int PortNumber(const std::string& text) { return static_cast<int>(std::strtol(text.c_str(), nullptr, 10)); }
+int PortNumber(const std::string& text) {
+  return static_cast<int>(std::strtol(text.c_str(), nullptr, 10));
+}
 
 int ToSocketAddress(const Endpoint& endpoint, sockaddr_storage* address) {
   const int port = PortNumber(endpoint.name);

@@ -19,7 +19,8 @@ struct Endpoint {
 // "/tmp/echo.sock." and the name.
 std::string SocketPath(const Endpoint& endpoint);
 
-// The kernel takes at most 107 bytes and libuv cuts a longer path without a word, so that two names would share a socket.
+// The kernel takes at most 107 bytes and libuv cuts a longer path without a word, so that two names would share a
+// socket.
 bool FitsSocketAddress(const std::string& path);
 
 // The decimal number that `text` begins with, 0 if none. Out of range it is cut to 32 bits.

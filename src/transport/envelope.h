@@ -11,8 +11,8 @@ class MIVOParams;
 
 namespace mivo {
 
-// The envelope of one payload; the views point into it. The peer writes what it likes: a value of another type than agreed
-// counts as absent. Of a payload that does not decode, what stands before the fault counts.
+// The envelope of one payload; the views point into it. The peer writes what it likes: a value of another type than
+// agreed counts as absent. Of a payload that does not decode, what stands before the fault counts.
 struct Envelope {
   bool well_formed = false;
   std::optional<std::string_view> name;
@@ -32,8 +32,8 @@ std::string EncodeRequest(std::string_view name, int key, const MIVOParams* para
 // Completes a reply that a server's handler has filled: name, then key and token if the request had them.
 void AppendServerReplyTail(std::string& reply, const Envelope& request);
 
-// Completes a reply that a client's handler has filled: key (0 if the request had none), token if it had one, then name.
-// The two sides differ, and peers may rely on either.
+// Completes a reply that a client's handler has filled: key (0 if the request had none), token if it had one, then
+// name. The two sides differ, and peers may rely on either.
 void AppendClientReplyTail(std::string& reply, const Envelope& request);
 
 }  // namespace mivo

@@ -14,8 +14,8 @@ namespace mivo {
 inline constexpr std::size_t kFramePrefixSize = 4;
 
 struct Frame {
-  // A payload whose frame would not fit a signed 32-bit length cannot be sent by anyone: it ends the program here rather
-  // than travel with a wrapped length.
+  // A payload whose frame would not fit a signed 32-bit length cannot be sent by anyone: it ends the program here
+  // rather than travel with a wrapped length.
   explicit Frame(std::string bytes) : payload(std::move(bytes)) {
     if (payload.size() > static_cast<std::size_t>(std::numeric_limits<std::int32_t>::max()) - kFramePrefixSize) {
       std::abort();

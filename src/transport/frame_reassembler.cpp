@@ -22,8 +22,8 @@ std::int32_t LengthAt(std::string_view bytes) {
 
 void FrameReassembler::Feed(std::string_view chunk) {
   chunk_ = chunk;
-  whole_chunk_ = chunk.size() >= kFramePrefixSize &&
-                 LengthAt(chunk) == static_cast<std::int64_t>(chunk.size() - kFramePrefixSize);
+  whole_chunk_ =
+      chunk.size() >= kFramePrefixSize && LengthAt(chunk) == static_cast<std::int64_t>(chunk.size() - kFramePrefixSize);
   if (!whole_chunk_ && !pending_.empty()) {
     pending_.append(chunk);
     chunk_ = {};
@@ -37,7 +37,8 @@ FrameReassembler::Result FrameReassembler::Next(std::string_view* payload) {
     chunk_ = {};
     return kFrame;
   }
-  // Either the frames are cut from the chunk itself and only its rest is kept, or the chunk went behind what was pending.
+  // Either the frames are cut from the chunk itself and only its rest is kept, or the chunk went behind what was
+  // pending.
   if (!chunk_.empty()) {
     const Result result = NextFrom(chunk_, payload);
     if (result == kFrame) {

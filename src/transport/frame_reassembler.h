@@ -25,8 +25,8 @@ class FrameReassembler {
 
   // `chunk` is read until Next has returned something other than kFrame, and must stay valid until then.
   //
-  // A chunk that is one whole frame by itself is taken for that, whatever is pending: pending bytes stay as they are and
-  // go on with the chunk after it.
+  // A chunk that is one whole frame by itself is taken for that, whatever is pending: pending bytes stay as they are
+  // and go on with the chunk after it.
   void Feed(std::string_view chunk);
 
   // `payload` stays valid until the next call of Feed or Next.
@@ -37,9 +37,9 @@ class FrameReassembler {
   void KeepRest();
 
   std::string pending_;
-  std::string_view chunk_;     // fed, and neither taken nor kept yet
-  std::size_t taken_ = 0;      // how much of pending_ was handed out
-  bool whole_chunk_ = false;   // chunk_ is a frame by itself
+  std::string_view chunk_;    // fed, and neither taken nor kept yet
+  std::size_t taken_ = 0;     // how much of pending_ was handed out
+  bool whole_chunk_ = false;  // chunk_ is a frame by itself
 };
 
 }  // namespace mivo

@@ -33,7 +33,8 @@ std::vector<uv_buf_t> BuffersOf(std::vector<Frame>& frames) {
 void OnWritten(uv_write_t* request, int status) {
   const std::unique_ptr<WriteRequest> done(static_cast<WriteRequest*>(request->data));
   if (status >= 0) return;
-  for (std::size_t i = 0; i < done->frames.size(); ++i) PrintDirect("Write error: %s\n", uv_strerror(status));
+  for (std::size_t i = 0; i < done->frames.size(); ++i)
+    PrintDirect("Write error: %s\n", uv_strerror(status));
 }
 
 }  // namespace
@@ -54,10 +55,13 @@ int FramedWrite(uv_stream_t* stream, std::vector<Frame> frames) {
     }
   }
   // The completion callback never runs for a refused request: it is ours to free.
-  for (std::size_t i = 0; i < write->frames.size(); ++i) ReportDroppedFrame();
+  for (std::size_t i = 0; i < write->frames.size(); ++i)
+    ReportDroppedFrame();
   return status;
 }
 
-void ReportDroppedFrame() { PrintDirect("write error\n"); }
+void ReportDroppedFrame() {
+  PrintDirect("write error\n");
+}
 
 }  // namespace mivo

@@ -4,7 +4,7 @@
 #include <ostream>
 #include <string>
 
-#include "mivo/params.h"
+#include <mivo/params.h>
 
 namespace {
 

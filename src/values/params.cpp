@@ -1,4 +1,4 @@
-#include "mivo/params.h"
+#include <mivo/params.h>
 
 #include <memory>
 #include <string_view>

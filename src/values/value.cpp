@@ -1,4 +1,4 @@
-#include "mivo/value.h"
+#include <mivo/value.h>
 
 #include <cstring>
 #include <memory>
