@@ -61,10 +61,6 @@ Address Local(const std::string& name) {
   return {Transport::Local, "", name};
 }
 
-std::string Ping(std::int32_t threadid) {
-  return Request({"s_c_close_server", threadid});
-}
-
 // Some names cannot be made unique, since the server makes them out of texts that are no number: their tests take
 // turns.
 class SharedNames {
