@@ -1,8 +1,8 @@
 #include <mivo/mivo.h>
 
-#include "support/connect_faults.h"
 #include "support/event.h"
 #include "support/raw_server.h"
+#include "support/start_faults.h"
 #include "support/stdout_capture.h"
 #include "support/teardown.h"
 #include "support/test_client.h"
@@ -341,9 +341,10 @@ TEST_P(ClientConnection, EveryFailedStepOfAStartLeavesTheClientFitForTheNext) {
     Fault fault;
     int steps;
   } failures[] = {
-      {"thread", Fault::kThreadCreate, 1}, {"loop", Fault::kLoopInit, 1},
+      {"loop", Fault::kLoopInit, 1},
       {"stream", IsLocal() ? Fault::kPipeInit : Fault::kTcpInit, 1},
-      {"wake-ups", Fault::kAsyncInit, 2},  {"reading", Fault::kReadStart, 1},
+      {"wake-ups", Fault::kAsyncInit, 2},
+      {"reading", Fault::kReadStart, 1},
       {"timer", Fault::kTimerStart, 1},
   };
   TestClient client;
@@ -358,7 +359,14 @@ TEST_P(ClientConnection, EveryFailedStepOfAStartLeavesTheClientFitForTheNext) {
       EXPECT_FALSE(client->isok());
     }
   }
-  ExpectSameResources(before);
+  {
+    const ScopedThreadFault fault;
+    EXPECT_FALSE(client.Init(server.address()));
+    EXPECT_EQ(fault.failures(), 1);
+    EXPECT_FALSE(client->isok());
+  }
+  // The capture holds two descriptors.
+  ExpectSameResources({before.threads, before.descriptors + 2});
   EXPECT_TRUE(client.Init(server.address()));
   EXPECT_EQ(TakeError(client->SendMsg("nobody", nullptr, 0, 10000)), 0);
 }
