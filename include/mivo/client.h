@@ -92,8 +92,8 @@ class MIVO_EXPORT IClient {
 // A new client, not connected.
 MIVO_EXPORT IClient* CreateClient();
 
-// Closes and deletes; null is ignored. From a handler or notice of that client the deletion happens behind its back, on
-// another thread, after the handler has returned.
+// Closes and deletes; null is ignored, and so is, in a child of fork, a client of the parent. From a handler or notice
+// of that client the deletion happens behind its back, on another thread, after the handler has returned.
 MIVO_EXPORT void DestroyClient(IClient* client);
 
 #endif  // MIVO_CLIENT_H_

@@ -2,6 +2,18 @@
 //
 // The child that serves creates the FIFO or finds it made by its parent, and writes; the parent reads. The functions
 // stand alone: no operation of a client or server calls them.
+//
+// The path: "/tmp/echo.pipe." + the parent's process id as the process that calls CreatePortPipe first sees it. It is
+// kept for the life of the process, and no other call sets it. Two processes meet on one FIFO in one of two ways:
+// - the parent calls CreatePortPipe, then forks: the child inherits the path and only writes. Calling CreatePortPipe in
+//   the child as well would replace the FIFO under the parent's hands.
+// - the child, started with exec, calls CreatePortPipe itself: the path ends in the id of the process that started it,
+//   which opens "/tmp/echo.pipe." + its own id by itself.
+//
+// Threads: any.
+// Blocking: ReadPortPipe waits for a writer and WritePortPipe for a reader, both without limit.
+// Errors: told by the result; no exception.
+// Lifetime: nobody removes the FIFO when it is done with.
 #ifndef MIVO_PORT_HANDOFF_H_
 #define MIVO_PORT_HANDOFF_H_
 
@@ -9,8 +21,19 @@
 
 #include <string>
 
+// Makes the FIFO (mode 0777 less the umask), in place of any file of that name, and prints "create pipe: <path>".
+// Returns the path; also when the FIFO could not be made, and then prints nothing.
 MIVO_EXPORT std::string CreatePortPipe();
+
+// Reads the port number as text, prints "server port: <text>" and returns it; empty, without a line, when there is no
+// FIFO to open. Ends at 5 characters or when the writer's end is closed, which a writer in WritePortPipe leaves open
+// until its process ends: a port below 10000 is read only then.
+// The text is kept for the life of the process and a further call appends to it: read once.
 MIVO_EXPORT std::string ReadPortPipe();
+
+// Writes the number as text, and prints "write port to pipe: <port>" twice. Without a FIFO it prints "open pipe error:
+// <path>" and returns false. True does not tell that anybody has read. The descriptor stays open until the process ends
+// or executes another program.
 MIVO_EXPORT bool WritePortPipe(int port);
 
 #endif  // MIVO_PORT_HANDOFF_H_

@@ -1,8 +1,8 @@
 #include "base/sigpipe_guard.h"
 
 #include <pthread.h>
-#include <signal.h>
-#include <time.h>
+#include <csignal>
+#include <ctime>
 
 #include <cerrno>
 

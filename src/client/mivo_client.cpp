@@ -12,6 +12,7 @@
 #include "base/handler_scope.h"
 #include "calls/handler_run.h"
 #include "client/session.h"
+#include "client/turn_lock.h"
 #include "largedata/slice_sender.h"
 #include "largedata/slice_size.h"
 #include "transport/builtin_keys.h"
@@ -25,26 +26,6 @@ namespace {
 constexpr int kHandshakeTimeoutMs = 10000;
 constexpr int kSliceTimeoutMs = 500;
 constexpr unsigned int kClosePauseUs = 100000;
-
-// One SendMsg or PostMsg, one SendMsgEx at a time in the process, as promised: held across whole calls.
-Mutex call_mutex;
-Mutex large_call_mutex;
-
-// A loop thread does not wait for its turn: the call that it would wait for may be waiting for this very thread.
-class TurnLock {
- public:
-  explicit TurnLock(Mutex& mutex) MIVO_NO_THREAD_SAFETY_ANALYSIS : mutex_(EventLoop::InAnyThread() ? nullptr : &mutex) {
-    if (mutex_ != nullptr) mutex_->lock();
-  }
-  ~TurnLock() MIVO_NO_THREAD_SAFETY_ANALYSIS {
-    if (mutex_ != nullptr) mutex_->unlock();
-  }
-  TurnLock(const TurnLock&) = delete;
-  TurnLock& operator=(const TurnLock&) = delete;
-
- private:
-  Mutex* const mutex_;
-};
 
 const char* TextOrEmpty(const char* text) {
   return text == nullptr ? "" : text;
@@ -195,7 +176,7 @@ void MIVOClient::DropSession(const std::shared_ptr<Session>& session) {
 // -----------------------------------------------------------------------------------------------------------
 
 MIVOParams* MIVOClient::SendMsg(const char* name, MIVOParams* params, int key, int timeout) {
-  const TurnLock turn(call_mutex);
+  const TurnLock turn(TurnLock::Turn::kCall);
   return SendMsgFast(name, params, key, timeout);
 }
 
@@ -204,7 +185,7 @@ MIVOParams* MIVOClient::SendMsgFast(const char* name, MIVOParams* params, int ke
 }
 
 MIVOClient::CallResult MIVOClient::CallSerialised(const char* name, MIVOParams* params, int key, int timeout) {
-  const TurnLock turn(call_mutex);
+  const TurnLock turn(TurnLock::Turn::kCall);
   return Call(name, params, key, timeout);
 }
 
@@ -225,7 +206,7 @@ MIVOClient::CallResult MIVOClient::Call(const char* name, MIVOParams* params, in
 }
 
 int MIVOClient::PostMsg(const char* name, MIVOParams* params, int key) {
-  const TurnLock turn(call_mutex);
+  const TurnLock turn(TurnLock::Turn::kCall);
   return PostMsgFast(name, params, key);
 }
 
@@ -241,7 +222,7 @@ int MIVOClient::PostMsgFast(const char* name, MIVOParams* params, int key) {
 }
 
 MIVOParams* MIVOClient::SendMsgEx(const char* name, MIVOParams* params, int key, int timeout) {
-  const TurnLock turn(large_call_mutex);
+  const TurnLock turn(TurnLock::Turn::kLargeCall);
   const Presence::Scope inside(callers_);
   const std::shared_ptr<Session> session = CurrentSession();
   if (!session || !isok()) {
@@ -352,6 +333,8 @@ void DestroyClient(IClient* client) {
     delete client;
   };
   auto* const own = dynamic_cast<mivo::MIVOClient*>(client);
+  // Its thread lives in the parent, and so does the connection: there is nothing here to end.
+  if (own != nullptr && !own->IsOfThisProcess()) return;
   if (own != nullptr && own->IsInsideItself()) {
     // The close has to wait for the handler that we are called from.
     std::thread(destroy).detach();

@@ -8,6 +8,7 @@
 
 #include "base/mutex.h"
 #include "base/presence.h"
+#include "base/process.h"
 #include "calls/handler_table.h"
 #include "calls/reply_table.h"
 #include "calls/request_work.h"
@@ -52,6 +53,9 @@ class MIVOClient : public IClient, private RequestServer {
   // Whether the calling thread runs a handler or notice of this client, which cannot wait for the client's end.
   bool IsInsideItself();
 
+  // False in a child of fork, which has a copy that nothing makes work.
+  bool IsOfThisProcess() const { return process_.IsThisProcess(); }
+
  private:
   // A call's result, and whose it is.
   struct CallResult {
@@ -72,6 +76,7 @@ class MIVOClient : public IClient, private RequestServer {
   void SetSession(std::shared_ptr<Session> session);
   void DropSession(const std::shared_ptr<Session>& session);
 
+  const ProcessMark process_;
   PrintObject print_;
   HandlerTable handlers_{HandlerTable::SecondRegistration::kIsIgnored};
   ReplyTable replies_{ReplyTable::Retention::kUntilNextCall};

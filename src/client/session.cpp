@@ -163,6 +163,7 @@ void Session::CloseClient() {
   outgoing_.DrainNow();
   connected_ = false;
   ShutQueueAndWakeCalls();
+  work_.DropWaiting();
   if (release_handlers_) {
     parts_.handlers.Close(nullptr);
     if (work_.IsIdle() && notices_running_ == 0) parts_.handlers.Release();

@@ -71,7 +71,7 @@ class EventLoop {
   Handle<uv_prepare_t> before_wait_;
   Handle<uv_check_t> after_wait_;
   std::vector<std::function<void()>> turn_end_jobs_;
-  std::array<char, 64 * 1024> read_buffer_;
+  std::array<char, 65536> read_buffer_;
 };
 
 }  // namespace mivo

@@ -5,28 +5,27 @@
 
 namespace mivo {
 
-struct WorkQueue::Job {
-  uv_work_t request{};
-  WorkQueue* queue = nullptr;
-  std::unique_ptr<Work> work;
-};
-
 void WorkQueue::Queue(uv_loop_t* loop, std::unique_ptr<Work> work) {
-  auto job = std::make_unique<Job>();
-  job->queue = this;
-  job->work = std::move(work);
-  job->request.data = job.get();
+  Job& job = jobs_.emplace_back();
+  job.queue = this;
+  job.work = std::move(work);
+  job.self = std::prev(jobs_.end());
+  job.request.data = &job;
   const int status = uv_queue_work(
-      loop, &job->request, [](uv_work_t* request) { static_cast<Job*>(request->data)->work->Run(); },
-      [](uv_work_t* request, int) {
-        const std::unique_ptr<Job> done(static_cast<Job*>(request->data));
-        done->work->Finish();
-        --done->queue->under_way_;
+      loop, &job.request, [](uv_work_t* request) { static_cast<Job*>(request->data)->work->Run(); },
+      [](uv_work_t* request, int end_status) {
+        Job* const done = static_cast<Job*>(request->data);
+        if (end_status != UV_ECANCELED) done->work->Finish();
+        done->queue->jobs_.erase(done->self);
       });
   assert(status == 0 && "uv_queue_work refuses only a missing function");
   static_cast<void>(status);
-  ++under_way_;
-  static_cast<void>(job.release());
+}
+
+void WorkQueue::DropWaiting() {
+  // libuv refuses for those that run; the others come back to it as cancelled.
+  for (Job& job : jobs_)
+    uv_cancel(reinterpret_cast<uv_req_t*>(&job.request));
 }
 
 }  // namespace mivo

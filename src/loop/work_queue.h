@@ -4,6 +4,7 @@
 
 #include <uv.h>
 
+#include <list>
 #include <memory>
 
 namespace mivo {
@@ -19,18 +20,27 @@ class Work {
   virtual void Finish() = 0;
 };
 
-// Loop thread. A loop does not stop running while jobs of its are under way, so each of them is finished.
+// Loop thread. A loop does not stop running while jobs of its are under way, so this queue outlives them.
 class WorkQueue {
  public:
   void Queue(uv_loop_t* loop, std::unique_ptr<Work> work);
 
-  // Whether every job has finished.
-  bool IsIdle() const { return under_way_ == 0; }
+  // Drops the jobs that no pool thread has begun: they neither run nor finish. Whoever waits for the loop's end may
+  // itself be on the pool, and then a job that waits for a free thread waits for him.
+  void DropWaiting();
+
+  // Whether no job is left.
+  bool IsIdle() const { return jobs_.empty(); }
 
  private:
-  struct Job;
+  struct Job {
+    uv_work_t request{};
+    WorkQueue* queue = nullptr;
+    std::unique_ptr<Work> work;
+    std::list<Job>::iterator self;
+  };
 
-  int under_way_ = 0;
+  std::list<Job> jobs_;  // libuv knows their addresses
 };
 
 }  // namespace mivo

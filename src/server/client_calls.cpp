@@ -1,5 +1,7 @@
 #include "server/client_calls.h"
 
+#include <pthread.h>
+
 #include <memory>
 #include <utility>
 
@@ -15,10 +17,18 @@ namespace {
 constexpr std::uint64_t kFirstSweepMs = 500;
 
 // Never destroyed: loop threads may outlive main.
-Waiters& AllWaiters() {
-  static Waiters& waiters = *new Waiters(Waiters::ZeroTimeout::kEndsAtNextSweep);
+Waiters*& AllWaitersPointer() {
+  static Waiters* waiters = new Waiters(Waiters::ZeroTimeout::kEndsAtNextSweep);
   return waiters;
 }
+
+Waiters& AllWaiters() {
+  return *AllWaitersPointer();
+}
+
+// A child of fork has none of the callers, and perhaps a lock that nobody will give back.
+[[maybe_unused]] const int renewed_in_child = ::pthread_atfork(
+    nullptr, nullptr, [] { AllWaitersPointer() = new Waiters(Waiters::ZeroTimeout::kEndsAtNextSweep); });
 
 }  // namespace
 

@@ -79,7 +79,7 @@ bool MIVOServer::StartMIVOServerTcp6(const char* ip, const char* port) {
   return Start({Endpoint::kTcp6, TextOrEmpty(port), TextOrEmpty(ip)});
 }
 
-bool MIVOServer::Start(Endpoint endpoint) {
+bool MIVOServer::Start(const Endpoint& endpoint) {
   if (isok() || IsInsideItself()) return false;
   MutexLock lock(start_mutex_);
   if (const std::shared_ptr<Serving> old = CurrentServing()) {
@@ -270,6 +270,8 @@ void DestroyServer(IServer* server) {
     delete server;
   };
   auto* const own = dynamic_cast<mivo::MIVOServer*>(server);
+  // Its thread lives in the parent, and so do the connections: there is nothing here to end.
+  if (own != nullptr && !own->IsOfThisProcess()) return;
   if (own != nullptr && own->IsInsideItself()) {
     // The end has to wait for the handler that we are called from.
     std::thread(destroy).detach();

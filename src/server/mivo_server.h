@@ -11,6 +11,7 @@
 
 #include "base/mutex.h"
 #include "base/presence.h"
+#include "base/process.h"
 #include "calls/handler_table.h"
 #include "calls/reply_table.h"
 #include "largedata/recv_large_data_server.h"
@@ -55,14 +56,18 @@ class MIVOServer : public IServer {
   // Whether the calling thread runs a handler or notice of this server, which cannot wait for the server's end.
   bool IsInsideItself();
 
+  // False in a child of fork, which has a copy that nothing makes work.
+  bool IsOfThisProcess() const { return process_.IsThisProcess(); }
+
  private:
-  bool Start(Endpoint endpoint);
+  bool Start(const Endpoint& endpoint);
   bool StartOnThread(const char* port, const std::function<bool(const char* port)>& start);
   bool SendSlice(int client_id, int key, MIVOParams* slice);
   std::unique_ptr<RecvLargeDataServer> MakeLargeDataReceiver();
   void RegisterBuiltins();
   std::shared_ptr<Serving> CurrentServing();
 
+  const ProcessMark process_;
   PrintObject print_;
   HandlerTable handlers_{HandlerTable::SecondRegistration::kReplaces};
   ReplyTable replies_{ReplyTable::Retention::kStale};

@@ -108,6 +108,7 @@ void Serving::CloseHere() {
   // State first: a log sink or a handler's destructor may lead straight back in here.
   if (!running_ || std::exchange(closing_, true)) return;
   parts_.print.Debug("Server Closing!\n");
+  work_.DropWaiting();
   if (parts_.handlers.Close(parts_.print.sink())) parts_.print.SetSink(nullptr);
   if (work_.IsIdle() && notices_running_ == 0) parts_.handlers.Release();
   parts_.replies.Retire();

@@ -10,7 +10,7 @@ namespace mivo {
 namespace {
 
 // Room that a connection may keep while nothing is pending.
-constexpr std::size_t kIdleCapacity = 64 * 1024;
+constexpr std::size_t kIdleCapacity = 65536;
 
 std::int32_t LengthAt(std::string_view bytes) {
   std::int32_t length = 0;

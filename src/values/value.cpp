@@ -7,6 +7,14 @@
 
 namespace {
 
+// The field is public and may hold a number that is no enumerator; an int of it can be read all the same.
+int NumberOf(const MIVOValue::Type& type) {
+  static_assert(sizeof(int) == sizeof(type), "");
+  int number = 0;
+  std::memcpy(&number, &type, sizeof(number));
+  return number;
+}
+
 std::string* NewText(const char* bytes, long length) {
   if (bytes == nullptr && length != 0) throw std::logic_error("basic_string::_S_construct null not valid");
   return length > 0 ? new std::string(bytes, static_cast<std::size_t>(length)) : new std::string();
@@ -62,7 +70,8 @@ MIVOValue::MIVOValue(const MIVOValue& source) : MIVOValue() {
 MIVOValue& MIVOValue::operator=(const MIVOValue& source) {
   if (this == &source) return *this;
   MIVOValue fetched;
-  switch (source.type) {
+  const int source_type = NumberOf(source.type);
+  switch (source_type) {
     case Bool:
       fetched.data.boolean = source.GetBool();
       break;
@@ -82,17 +91,15 @@ MIVOValue& MIVOValue::operator=(const MIVOValue& source) {
     case ListMap:
       fetched.listMap = source.listMap;
       break;
-    case None:
     default:
       fetched.data = data;
       break;
   }
-  const Type source_type = source.type;
   clear();
   data = fetched.data;
   if (source_type == List) list.swap(fetched.list);
   if (source_type == ListMap) listMap.swap(fetched.listMap);
-  type = source_type;
+  std::memcpy(&type, &source_type, sizeof(type));
   return *this;
 }
 
@@ -101,7 +108,7 @@ MIVOValue::~MIVOValue() {
 }
 
 void MIVOValue::clear() {
-  switch (type) {
+  switch (NumberOf(type)) {
     case String:
     case Stream:
       delete data.text;
@@ -116,10 +123,6 @@ void MIVOValue::clear() {
         delete entry.second;
       listMap.clear();
       break;
-    case None:
-    case Bool:
-    case Int:
-    case Double:
     default:
       break;
   }
@@ -159,27 +162,27 @@ std::vector<MIVOValue*>* MIVOValue::GetList() {
 }
 
 bool MIVOValue::IsBool() const {
-  return type == Bool;
+  return NumberOf(type) == Bool;
 }
 
 bool MIVOValue::IsInt() const {
-  return type == Int;
+  return NumberOf(type) == Int;
 }
 
 bool MIVOValue::IsDouble() const {
-  return type == Double;
+  return NumberOf(type) == Double;
 }
 
 bool MIVOValue::IsString() const {
-  return type == String;
+  return NumberOf(type) == String;
 }
 
 bool MIVOValue::IsStream() const {
-  return type == Stream;
+  return NumberOf(type) == Stream;
 }
 
 bool MIVOValue::IsList() const {
-  return type == List;
+  return NumberOf(type) == List;
 }
 
 void MIVOValue::AddListBool(bool value) {

@@ -175,9 +175,11 @@ TEST(Decoder, ReadsAMillionRecordsInOnePass) {
     bool in_order_ = true;
   };
   std::string top_level;
+  top_level.reserve(kRecords * mivo::kIntRecordSize);
   for (int i = 0; i < kRecords; ++i)
     mivo::AppendInt(top_level, i);
   std::string list;
+  list.reserve(mivo::kListHeaderSize + kRecords * mivo::kIntRecordSize);
   mivo::AppendListHeader(list, kRecords);
   for (int i = 0; i < kRecords; ++i)
     mivo::AppendInt(list, i);

@@ -1,0 +1,175 @@
+// Clients subscribe, the server posts readings of this machine's load to all of them, and one leaves in the middle.
+#include <mivo/mivo.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <fstream>
+#include <iostream>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+
+namespace {
+
+constexpr auto kPatience = std::chrono::seconds(20);
+
+// ---- the server's side ----
+
+class Subscribers {
+ public:
+  explicit Subscribers(IServer* server) : server_(server) {}
+
+  void Add(int client_id) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    ids_.insert(client_id);
+  }
+
+  void Remove(int client_id) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    ids_.erase(client_id);
+    changed_.notify_all();
+  }
+
+  bool AwaitCount(std::size_t count) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    return changed_.wait_for(lock, kPatience, [&] { return ids_.size() == count; });
+  }
+
+  // Returns to how many.
+  std::size_t Publish(int number) {
+    std::string load;
+    std::getline(std::ifstream("/proc/loadavg") >> std::ws, load);
+    MIVOParams reading;
+    reading.AddInt(number);
+    reading.AddString(load.c_str());
+    std::set<int> ids;
+    {
+      const std::lock_guard<std::mutex> lock(mutex_);
+      ids = ids_;
+    }
+    // A post to a client that has just gone is dropped.
+    for (const int id : ids)
+      server_->PostMsg(id, "reading", &reading, 0);
+    return ids.size();
+  }
+
+ private:
+  IServer* const server_;
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::set<int> ids_;
+};
+
+class Subscribe : public IServerMethod {
+ public:
+  explicit Subscribe(Subscribers& subscribers) : subscribers_(subscribers) {}
+  void OnCall(int client_id, MIVOParams*, MIVOParams*) override { subscribers_.Add(client_id); }
+
+ private:
+  Subscribers& subscribers_;
+};
+
+// The notice of a connection's end, also of those that have never subscribed. It runs on the loop thread: be quick.
+class Closed : public IServerMethod {
+ public:
+  explicit Closed(Subscribers& subscribers) : subscribers_(subscribers) {}
+  void OnCall(int client_id, MIVOParams*, MIVOParams*) override { subscribers_.Remove(client_id); }
+
+ private:
+  Subscribers& subscribers_;
+};
+
+// ---- the clients' side ----
+
+class Readings : public IServerMethod {
+ public:
+  void OnCall(int, MIVOParams* request, MIVOParams*) override {
+    const MIVOValue* const number = request->GetValue(0);
+    const MIVOValue* const load = request->GetValue(1);
+    if (number == nullptr || !number->IsInt() || load == nullptr || !load->IsString()) return;
+    const std::lock_guard<std::mutex> lock(mutex_);
+    numbers_.insert(number->GetInt());
+    if (std::stod(load->GetString()) < 0) plausible_ = false;
+    changed_.notify_all();
+  }
+
+  // Whether the readings 1 to `count` arrive, and no others until then.
+  bool Await(int count) {
+    std::set<int> wanted;
+    for (int i = 1; i <= count; ++i)
+      wanted.insert(i);
+    std::unique_lock<std::mutex> lock(mutex_);
+    return changed_.wait_for(lock, kPatience, [&] { return numbers_ == wanted; }) && plausible_;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::set<int> numbers_;  // handlers may overlap: no order is promised
+  bool plausible_ = true;
+};
+
+struct Subscriber {
+  Readings readings;
+  IClient* client = CreateClient();
+
+  bool Join(const std::string& name) {
+    client->log(nullptr, 0);
+    client->SetCustomReleaseEvent();  // `readings` is ours
+    client->method("reading", &readings);
+    if (!client->InitMIVOClient(name.c_str(), true)) return false;
+    MIVOParams* const reply = client->SendMsg("subscribe", nullptr, 0, 5000);
+    if (reply->GetMap("errorCode") == nullptr) return true;
+    delete reply;
+    return false;
+  }
+  void Leave() {
+    DestroyClient(client);
+    client = nullptr;
+  }
+};
+
+bool Expect(bool holds, const std::string& what) {
+  std::cout << (holds ? "ok: " : "WRONG: ") << what << "\n";
+  return holds;
+}
+
+bool Play(Subscribers& subscribers, const std::string& name) {
+  Subscriber a;
+  Subscriber b;
+  Subscriber c;
+  bool fine = true;
+  for (Subscriber* const subscriber : {&a, &b, &c})
+    fine &= Expect(subscriber->Join(name), "one more subscriber");
+  for (const int number : {1, 2})
+    fine &= Expect(subscribers.Publish(number) == 3, "a reading for three");
+  fine &= Expect(b.readings.Await(2), "b has seen two readings");
+  b.Leave();
+  fine &= Expect(subscribers.AwaitCount(2), "b has left, the server knows");
+  for (const int number : {3, 4, 5})
+    fine &= Expect(subscribers.Publish(number) == 2, "a reading for two");
+  fine &= Expect(a.readings.Await(5) && c.readings.Await(5), "a and c have seen five");
+  a.Leave();
+  c.Leave();
+  return fine & Expect(subscribers.AwaitCount(0), "nobody is left");
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc > 1) {
+    std::cout << "usage: subscribers\n\nA server posts readings to clients that have subscribed; one leaves early.\n";
+    return std::string(argv[1]) == "--help" ? 0 : 2;
+  }
+  const std::string name = std::to_string(::getpid());
+  IServer* const server = CreateServer();
+  Subscribers subscribers(server);
+  server->log(nullptr, 0);
+  server->method("subscribe", new Subscribe(subscribers));
+  server->method("s_c_closed", new Closed(subscribers));
+  const bool fine = server->InitMIVOServer(name.c_str()) && Play(subscribers, name);
+  DestroyServer(server);
+  return fine ? 0 : 1;
+}
