@@ -41,6 +41,7 @@ class Wire {
 
   const std::string& bytes() const { return bytes_; }
   operator const std::string&() const { return bytes_; }
+  operator std::string_view() const { return bytes_; }
 
  private:
   void U32(std::uint32_t value);
