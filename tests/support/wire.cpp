@@ -247,33 +247,6 @@ std::string Hex(std::string_view bytes) {
   return text;
 }
 
-std::string FromHex(std::string_view digits) {
-  std::string bytes;
-  int high = -1;
-  for (const char digit : digits) {
-    int value = 0;
-    if (digit >= '0' && digit <= '9') {
-      value = digit - '0';
-    } else if (digit >= 'A' && digit <= 'F') {
-      value = digit - 'A' + 10;
-    } else if (digit >= 'a' && digit <= 'f') {
-      value = digit - 'a' + 10;
-    } else if (digit == ' ' || digit == '\n' || digit == '\r' || digit == '\t') {
-      continue;
-    } else {
-      throw std::invalid_argument("not a hexadecimal digit");
-    }
-    if (high < 0) {
-      high = value;
-    } else {
-      bytes += static_cast<char>(high << 4 | value);
-      high = -1;
-    }
-  }
-  if (high >= 0) throw std::invalid_argument("an odd number of hexadecimal digits");
-  return bytes;
-}
-
 std::string LittleEndian(std::int32_t value) {
   auto rest = static_cast<std::uint32_t>(value);
   std::string bytes;
