@@ -12,6 +12,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <memory>
 #include <optional>
 #include <string>
 #include <thread>
@@ -59,26 +60,23 @@ inline std::optional<std::string> StreamAt(const MIVOParams* set, int index) {
 
 // ---- A client's result ------------------------------------------------------------------------------------------------
 
-// Frees the sets that belong to the caller: those that hold an error code and nothing else.
+// Frees the sets that belong to the caller: those that hold an error code and nothing else. The others may be gone by the
+// time this one ends.
 class Reply {
  public:
   Reply() = default;
-  explicit Reply(MIVOParams* set) : set_(set) {}
-  Reply(Reply&& other) noexcept : set_(std::exchange(other.set_, nullptr)) {}
-  Reply& operator=(Reply&& other) noexcept {
-    std::swap(set_, other.set_);
-    return *this;
-  }
-  ~Reply() {
-    if (error() && set_->MapSize() == 1 && set_->ParamsSize() == 0) delete set_;
+  explicit Reply(MIVOParams* set) : set_(set), error_(IntUnder(set, "errorCode")) {
+    if (error_ && set->MapSize() == 1 && set->ParamsSize() == 0) own_.reset(set);
   }
 
   MIVOParams* get() const { return set_; }
   MIVOParams* operator->() const { return set_; }
-  std::optional<int> error() const { return IntUnder(set_, "errorCode"); }
+  std::optional<int> error() const { return error_; }
 
  private:
   MIVOParams* set_ = nullptr;
+  std::optional<int> error_;
+  std::unique_ptr<MIVOParams> own_;
 };
 
 constexpr int kNotConnected = -1000;
