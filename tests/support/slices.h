@@ -39,8 +39,8 @@ inline std::string SliceSet(int key, int total, std::string_view bytes) {
 }
 
 struct TakenSlice {
-  bool valid = false;    // a request for the slice receiver with exactly the records of a slice
-  std::string request;   // the whole frame
+  bool valid = false;   // a request for the slice receiver with exactly the records of a slice
+  std::string request;  // the whole frame
   int envelope_key = 0;
   int key = 0;
   int total = 0;
@@ -59,7 +59,7 @@ inline TakenSlice ReadSliceRequest(const std::string& request) {
   const Record& total = (*records)[2];
   const Record& bytes = (*records)[3];
   slice.valid = mark.keyed && mark.key == "s_c_largedata" && mark.tag == Record::kBool && mark.boolean &&  //
-                key.keyed && key.key == "s_c_sw_threadid" && key.tag == Record::kInt &&                     //
+                key.keyed && key.key == "s_c_sw_threadid" && key.tag == Record::kInt &&                    //
                 !total.keyed && total.tag == Record::kInt && !bytes.keyed && bytes.tag == Record::kStream;
   slice.key = key.integer;
   slice.total = total.integer;

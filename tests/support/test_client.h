@@ -24,7 +24,8 @@ inline int ThreadId() {
   return static_cast<int>(syscall(SYS_gettid));
 }
 
-// ---- What a parameter set holds; nothing where it is missing or of another type. Null sets hold nothing. --------------
+// ---- What a parameter set holds; nothing where it is missing or of another type. Null sets hold nothing.
+// --------------
 
 inline std::optional<int> IntAt(const MIVOParams* set, int index) {
   MIVOValue* const value = set == nullptr ? nullptr : set->GetValue(index);
@@ -58,10 +59,11 @@ inline std::optional<std::string> StreamAt(const MIVOParams* set, int index) {
   return std::string(bytes, static_cast<std::size_t>(length));
 }
 
-// ---- A client's result ------------------------------------------------------------------------------------------------
+// ---- A client's result
+// ------------------------------------------------------------------------------------------------
 
-// Frees the sets that belong to the caller: those that hold an error code and nothing else. The others may be gone by the
-// time this one ends.
+// Frees the sets that belong to the caller: those that hold an error code and nothing else. The others may be gone by
+// the time this one ends.
 class Reply {
  public:
   Reply() = default;
@@ -82,7 +84,8 @@ class Reply {
 constexpr int kNotConnected = -1000;
 constexpr int kNoReply = -1001;
 
-// ---- In the background ------------------------------------------------------------------------------------------------
+// ---- In the background
+// ------------------------------------------------------------------------------------------------
 
 // Runs the function on a thread of its own. Destroyed, it waits for the end.
 template <typename Result>
@@ -131,7 +134,8 @@ class Background {
   std::thread thread_;
 };
 
-// ---- Clients ----------------------------------------------------------------------------------------------------------
+// ---- Clients
+// ----------------------------------------------------------------------------------------------------------
 
 // Created, not connected; destroyed with the object at the latest.
 class TestClient {

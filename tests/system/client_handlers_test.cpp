@@ -137,7 +137,8 @@ TEST_P(ClientHandlers, AnUnknownNameIsAnsweredWithTheMarkAlone) {
 TEST_P(ClientHandlers, TheFirstUnderANameStaysAndTheSecondIsLeftAlone) {
   Deletions first;
   Deletions second;
-  client_.On("name", [](int, MIVOParams*, MIVOParams* reply) { reply->AddInt(1); }, &first);
+  client_.On(
+      "name", [](int, MIVOParams*, MIVOParams* reply) { reply->AddInt(1); }, &first);
   LambdaMethod refused([](int, MIVOParams*, MIVOParams* reply) { reply->AddInt(2); }, &second);
   client_->method("name", &refused);
   ASSERT_TRUE(pair_.Connect());
@@ -168,8 +169,7 @@ TEST_P(ClientHandlers, TheCatchAllIsNeverCalledAndTheFirstOneIsDeletedAtTheEnd) 
   Deletions first;
   Deletions second;
   std::atomic<int> calls{0};
-  client_->methodall(
-      new LambdaMethodAll([&](const char*, int, MIVOParams*, MIVOParams*) { ++calls; }, &first));
+  client_->methodall(new LambdaMethodAll([&](const char*, int, MIVOParams*, MIVOParams*) { ++calls; }, &first));
   LambdaMethodAll refused([&](const char*, int, MIVOParams*, MIVOParams*) { ++calls; }, &second);
   client_->methodall(&refused);
   ASSERT_TRUE(pair_.Connect());
@@ -306,9 +306,8 @@ TEST_P(HandlersAcross, CallsFromAClientsHandlerReachTheServer) {
   std::atomic<int> client_id{0};
   TestServer server(GetParam());
   server.On("hello", [&](int id, MIVOParams*, MIVOParams*) { client_id = id; });
-  server.On("add one", [](int, MIVOParams* request, MIVOParams* reply) {
-    reply->AddInt(IntAt(request, 0).value_or(-100) + 1);
-  });
+  server.On("add one",
+            [](int, MIVOParams* request, MIVOParams* reply) { reply->AddInt(IntAt(request, 0).value_or(-100) + 1); });
   ASSERT_TRUE(server.Init());
   TestClient client;
   client.On("add two", [&](int, MIVOParams* request, MIVOParams* reply) {

@@ -19,7 +19,8 @@ namespace {
 
 constexpr int kLongTimeout = 120000;
 
-// ---- The slice size ---------------------------------------------------------------------------------------------------
+// ---- The slice size
+// ---------------------------------------------------------------------------------------------------
 
 TEST(SliceSize, Is32768UntilItIsSet) {
   TestClient client;
@@ -46,7 +47,8 @@ TEST(SliceSize, IsStoredWithoutACheck) {
   }
 }
 
-// ---- From a client to a server driven by hand -------------------------------------------------------------------------
+// ---- From a client to a server driven by hand
+// -------------------------------------------------------------------------
 
 class ClientSlices : public testing::TestWithParam<Transport> {
  protected:
@@ -158,7 +160,8 @@ TEST_P(ClientSlices, AreOfTheDefaultSizeWhereTheSizeIsNoSize) {
   }
 }
 
-// ---- From a server driven by hand to a client -------------------------------------------------------------------------
+// ---- From a server driven by hand to a client
+// -------------------------------------------------------------------------
 
 class ClientReceiver : public testing::TestWithParam<Transport> {
  protected:
@@ -203,9 +206,9 @@ TEST_P(ClientReceiver, PutsTheResultTogetherAndWakesTheCall) {
 TEST_P(ClientReceiver, GoesByTheKeyInsideTheSlice) {
   StartCall(50);
   const std::string result = Whole(Wire().Int(1), "s_c_largedata", 50);
-  ASSERT_EQ(peer_.Exchange(
-                Request({"s_c_req_body", 999, SliceSet(50, static_cast<int>(result.size()), result), "0xab"})),
-            ClientReply("", 999, "0xab"));
+  ASSERT_EQ(
+      peer_.Exchange(Request({"s_c_req_body", 999, SliceSet(50, static_cast<int>(result.size()), result), "0xab"})),
+      ClientReply("", 999, "0xab"));
   EXPECT_EQ(IntAt(call_->Get().get(), 0), 1);
 }
 
@@ -254,7 +257,8 @@ TEST_P(ClientReceiver, SlicesForSeveralKeysDoNotMix) {
   EXPECT_EQ(TextAt(call_->Get().get(), 0), "two");
 }
 
-// ---- From a client driven by hand to a server -------------------------------------------------------------------------
+// ---- From a client driven by hand to a server
+// -------------------------------------------------------------------------
 
 class ServerReceiver : public testing::TestWithParam<Transport> {
  protected:
@@ -523,7 +527,8 @@ TEST_P(ServerReceiver, DeeplyNestedMessagesEndSoon) {
   EXPECT_TRUE(peer_.AnswersInOrder());
 }
 
-// ---- Both ways --------------------------------------------------------------------------------------------------------
+// ---- Both ways
+// --------------------------------------------------------------------------------------------------------
 
 class LargeRoundTrips : public testing::TestWithParam<Transport> {
  protected:

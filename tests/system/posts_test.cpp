@@ -226,6 +226,7 @@ TEST_P(PostsToAServer, RunItsHandler) {
   params.AddString("hello");
   client->PostMsg("note", &params, 0);
   EXPECT_TRUE(journal.WaitFor("hello"));
+  server_.Destroy();
 }
 
 TEST_P(PostsToAServer, AreAnsweredAndTheAnswerDoesNotDisturbACallThatTimesOut) {
@@ -242,6 +243,7 @@ TEST_P(PostsToAServer, AreAnsweredAndTheAnswerDoesNotDisturbACallThatTimesOut) {
   const Reply reply(client->SendMsg("slow", nullptr, 0, 300));
   release.Signal();
   EXPECT_EQ(reply.error(), kNoReply);
+  server_.Destroy();
 }
 
 TEST_P(PostsToAServer, RacingWithTheCloseReturnZeroAndEnd) {

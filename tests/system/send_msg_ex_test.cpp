@@ -50,8 +50,7 @@ class SendMsgEx : public testing::TestWithParam<Transport> {
   }
   static void Deliver(RawPeer* peer, int key, const std::string& content) {
     const std::string result = Whole(content, "s_c_largedata", key);
-    ASSERT_TRUE(
-        peer->Exchange(Request({"s_c_req_body", key, SliceSet(key, static_cast<int>(result.size()), result)})));
+    ASSERT_TRUE(peer->Exchange(Request({"s_c_req_body", key, SliceSet(key, static_cast<int>(result.size()), result)})));
   }
 
   ClientOfRawServer pair_{GetParam()};
@@ -243,6 +242,7 @@ TEST_P(SendMsgExToAServer, EndsWithItsTimeOutWhileTheMethodRuns) {
   EXPECT_GE(call.ElapsedMs(), 900);
   EXPECT_LT(call.ElapsedMs(), kFarBelow);
   release.Signal();
+  server_.Destroy();
 }
 
 }  // namespace

@@ -17,7 +17,8 @@ using namespace mivo_test;
 
 namespace {
 
-// ---- The sender by itself ---------------------------------------------------------------------------------------------
+// ---- The sender by itself
+// ---------------------------------------------------------------------------------------------
 
 std::vector<std::string> SlicesOf(const std::string& whole, int key) {
   std::vector<std::string> slices;
@@ -63,7 +64,8 @@ TEST(SendInSlices, KeepsTheSizeWithWhichItBegan) {
   EXPECT_EQ(lengths, (std::vector<int>{10, 10, 10, 5}));
 }
 
-// ---- SendMsgLargeData -------------------------------------------------------------------------------------------------
+// ---- SendMsgLargeData
+// -------------------------------------------------------------------------------------------------
 
 class SendMsgLargeData : public testing::TestWithParam<Transport> {
  protected:
@@ -134,7 +136,8 @@ TEST_P(SendMsgLargeData, EndsAlsoWhenTheConnectionEnds) {
   EXPECT_TRUE(sent.WaitFor());
 }
 
-// ---- The serialised operations go through the table -------------------------------------------------------------------
+// ---- The serialised operations go through the table
+// -------------------------------------------------------------------
 
 class Overriding : public mivo::MIVOClient {
  public:
