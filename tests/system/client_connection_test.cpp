@@ -2,7 +2,6 @@
 
 #include "support/event.h"
 #include "support/raw_server.h"
-#include "support/start_faults.h"
 #include "support/stdout_capture.h"
 #include "support/teardown.h"
 #include "support/test_client.h"
@@ -357,7 +356,7 @@ TEST_P(ClientConnection, EveryFailedStepOfAStartLeavesTheClientFitForTheNext) {
     }
   }
   {
-    const ScopedThreadFault fault;
+    const ScopedFault fault(Fault::kThreadCreate, 1, 1, UV_EAGAIN);
     EXPECT_FALSE(client.Init(server.address()));
     EXPECT_EQ(fault.failures(), 1);
     EXPECT_FALSE(client->isok());
@@ -400,7 +399,7 @@ TEST_P(ClientOverTcp, OnlyIpv4SaysWhichStepFailed) {
   }
   EXPECT_EQ(output.Count("uv_tcp_init error\n"), lines);
   {
-    const ScopedConnectFault fault(UV_EINVAL);
+    const ScopedFault fault(Fault::kTcpConnect, 1, 1, UV_EINVAL);
     EXPECT_FALSE(client.Init(server.address()));
   }
   EXPECT_EQ(output.Count("uv_tcp_connect error\n"), lines);
