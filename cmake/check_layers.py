@@ -41,7 +41,6 @@ def problems_of(path, src):
     text = path.read_text(encoding="utf-8")
     for name in INCLUDE.findall(text):
         if name.startswith("mivo/"):
-            found.append(f'{path}: public headers are included with angle brackets: "{name}"')
             continue
         target = pathlib.PurePosixPath(name)
         # "room/file.h" from the top of src/, or a neighbour by its bare name.
