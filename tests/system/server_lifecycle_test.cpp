@@ -1271,7 +1271,9 @@ TEST_P(ServerLifecycle, TheProgramMayEndWithAServerRunning) {
   testing::GTEST_FLAG(death_test_style) = "threadsafe";
   EXPECT_EXIT(
       {
-        auto* const server = new TestServer(GetParam());
+        // Never destroyed, and no leak: it stays reachable.
+        static TestServer* server = nullptr;
+        server = new TestServer(GetParam());
         server->On("name", [](int, MIVOParams*, MIVOParams*) {});
         if (!server->Init()) std::exit(1);
         RawPeer peer = server->Connect();
