@@ -274,6 +274,16 @@ TEST_P(ClientCalls, TwoCallsOnOneKeyGetTheirOwnReplies) {
   EXPECT_EQ(TakeInt(second->Wait()), 2);
 }
 
+TEST_P(ClientCalls, NoNameIsTheEmptyName) {
+  client_->PostMsgFast(nullptr, nullptr, 9);
+  EXPECT_EQ(Hex(Next().payload), Hex(Request({"", 9})));
+  PendingCall call([&] { return client_->SendMsg(nullptr, nullptr, 9, 0); });
+  const Asked asked = Next();
+  EXPECT_EQ(TextOf(asked.payload, "s_c_sw_name"), "");
+  ASSERT_TRUE(peer_.SendFrame(asked.Reply(1)));
+  EXPECT_EQ(TakeInt(call.Wait()), 1);
+}
+
 // --- Time-outs
 
 TEST_P(ClientCalls, AnUnansweredCallReturnsNoReplyAfterItsTime) {

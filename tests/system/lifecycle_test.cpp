@@ -58,13 +58,13 @@ TEST_P(Lifecycle, ACloseMayMeetTheConnectAtAnyPoint) {
   {
     TestClient client;
     SetLog(client.get(), "", 0);
-    for (int round = 0; round < 10; ++round) {
+    for (int round = 0; round < 6; ++round) {
       std::atomic<bool> go{false};
       std::thread closing([&] {
         while (!go)
           std::this_thread::yield();
         // Each round a little later: before the thread is there, while it connects, while the version is checked.
-        const auto until = std::chrono::steady_clock::now() + std::chrono::microseconds(100 * round);
+        const auto until = std::chrono::steady_clock::now() + std::chrono::microseconds(150 * round);
         while (std::chrono::steady_clock::now() < until)
           std::this_thread::yield();
         client->close();
