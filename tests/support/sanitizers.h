@@ -19,7 +19,7 @@ constexpr bool kSanitized = false;
 // Bounds upward grow by this much.
 constexpr int kSlowdown = kSanitized ? 4 : 1;
 // Heavy loads shrink by this much.
-constexpr int kScaledown = kSanitized ? 20 : 1;
+constexpr int kScaledown = kSanitized ? 5 : 1;
 
 }  // namespace mivo_test
 

@@ -152,13 +152,17 @@ TEST_P(SendMsgEx, DoesNotHoldUpOrdinaryCallsWhileItWaitsForTheResult) {
 
 TEST_P(SendMsgEx, ATimeOutDoesNotReturnTheResultBeforeIt) {
   for (const int key : {0, 9}) {
+    Event delivered;
     Background<bool> calls([&] {
-      // The second call frees what the first returned.
+      // The second call frees what the first returned. It waits, so that its request does not overtake the answer to
+      // the first one's result.
       const auto first = IntAt(client_->SendMsgEx("f", nullptr, key, kLongTimeout), 0);
+      delivered.WaitFor();
       const Reply second(client_->SendMsgEx("f", nullptr, key, 600));
       return first == 1 && second.error() == kNoReply;
     });
     Serve(&peer_, Wire().Int(1));
+    delivered.Signal();
     ASSERT_TRUE(TakeTransfer(&peer_, AsServer).complete);
     EXPECT_TRUE(calls.Get()) << "key " << key;
   }
