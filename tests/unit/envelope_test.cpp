@@ -51,6 +51,22 @@ TEST(Envelope, IsReadInAnyOrderAndBetweenOtherValues) {
   EXPECT_EQ(envelope.data, std::string_view("\0\1", 2));
 }
 
+TEST(Envelope, LosesAValueToAListMapThatHoldsItsKey) {
+  const std::string payload = Payload()
+                                  .KeyString("s_c_sw_name", "foo")
+                                  .KeyInt("s_c_sw_threadid", 9)
+                                  .ListMap(1)
+                                  .KeyString("s_c_sw_name", "inside")
+                                  .bytes();
+  MIVOParams params;
+  EXPECT_TRUE(params.Parser(payload.data(), static_cast<int>(payload.size())));
+  EXPECT_EQ(params.GetMap("s_c_sw_name"), nullptr);
+  const Envelope envelope = ReadEnvelope(payload);
+  EXPECT_TRUE(envelope.well_formed);
+  EXPECT_FALSE(envelope.name);
+  EXPECT_EQ(envelope.thread_id, 9);
+}
+
 TEST(Envelope, OfAnEmptyPayloadIsEmpty) {
   const Envelope envelope = ReadEnvelope("");
   EXPECT_TRUE(envelope.well_formed);

@@ -19,8 +19,9 @@ class Payload {
   Payload& Stream(std::string_view bytes) { return Tag(4).Counted(bytes).Stamp(); }
   // The first half of a pair: the next record is its value.
   Payload& Key(std::string_view key) { return Tag(5).String(key); }
-  // The elements follow.
+  // The elements, or pairs, follow.
   Payload& List(std::int32_t count) { return Tag(6).Number(count); }
+  Payload& ListMap(std::int32_t count) { return Tag(7).Number(count); }
 
   Payload& KeyInt(std::string_view key, std::int32_t value) { return Key(key).Int(value); }
   Payload& KeyBool(std::string_view key, bool value) { return Key(key).Bool(value); }
