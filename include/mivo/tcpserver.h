@@ -48,8 +48,9 @@ class MIVO_EXPORT clientdata {
 //   counts as such a failure, unless the loop stands.
 // Ownership: the loop stays the application's, and has to outlive the server; a loop that was never initialised for the
 //   server is not touched. Bytes given to a callback are valid until it returns.
-// Lifetime: not to be destroyed in a callback of its own loop. When the process exits inside one, a server with static
-//   storage leaves its loop alone.
+// Lifetime: not to be destroyed in a callback of its own loop, nor while another thread turns it. When the process
+// exits
+//   inside a callback, a server with static storage leaves its loop alone.
 class MIVO_EXPORT CTcpServer {
  public:
   // Null is allowed; nothing can be started then.

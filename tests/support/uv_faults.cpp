@@ -133,6 +133,12 @@ int uv_tcp_bind(uv_tcp_t* handle, const struct sockaddr* address, unsigned int f
   return error != 0 ? error : real(handle, address, flags);
 }
 
+int uv_tcp_connect(uv_connect_t* request, uv_tcp_t* handle, const struct sockaddr* address, uv_connect_cb callback) {
+  static const auto real = Real<decltype(&uv_tcp_connect)>("uv_tcp_connect");
+  const int error = ErrorOfThisCall(Fault::kTcpConnect);
+  return error != 0 ? error : real(request, handle, address, callback);
+}
+
 int uv_listen(uv_stream_t* stream, int backlog, uv_connection_cb callback) {
   static const auto real = Real<decltype(&uv_listen)>("uv_listen");
   const int error = ErrorOfThisCall(Fault::kListen);

@@ -14,6 +14,7 @@ enum class Fault {
   kPipeBind,
   kTcpInit,
   kTcpBind,
+  kTcpConnect,
   kListen,
   kAsyncInit,
   kAccept,  // the connection that was to be accepted is gone, as after a real failure

@@ -215,21 +215,30 @@ TEST_F(TcpServerLifecycle, ListensAgainRightAfterCloseAll) {
 
 TEST_F(TcpServerLifecycle, CannotBeStartedOnALoopThatRuns) {
   ASSERT_TRUE(Listen());
+  int turns = 0;
+  uv_prepare_t count;
+  uv_prepare_init(&loop_, &count);
+  count.data = &turns;
+  uv_prepare_start(&count, [](uv_prepare_t* prepare) { ++*static_cast<int*>(prepare->data); });
   bool asked = false;
   on_receive_ = [&](int, const char*, int) {
     asked = true;
+    const int turns_before = turns;
     EXPECT_FALSE(server_.StartTcp4("127.0.0.1", 0));
     EXPECT_FALSE(server_.StartTcp6("::1", 0));
     EXPECT_FALSE(server_.Run(UV_RUN_NOWAIT));
     CTcpServer other(&loop_);
     EXPECT_FALSE(other.StartTcp4("127.0.0.1", 0));
     EXPECT_FALSE(other.initialised);
+    EXPECT_EQ(turns, turns_before) << "the loop was turned inside its own turn";
   };
   auto [peer, id] = Connect();
   ASSERT_TRUE(peer.SendBytes("x"));
   ASSERT_TRUE(TurnUntil([&] { return asked; }));
   server_.Write(id, "unharmed", 8);
   EXPECT_EQ(Read(peer, 8), "unharmed");
+  uv_close(reinterpret_cast<uv_handle_t*>(&count), nullptr);
+  server_.Run(UV_RUN_NOWAIT);  // `count` has to be closed before it goes
 }
 
 TEST_F(TcpServerLifecycle, KnowsThatTheApplicationTurnsTheLoopItself) {
@@ -244,6 +253,15 @@ TEST_F(TcpServerLifecycle, KnowsThatTheApplicationTurnsTheLoopItself) {
   uv_run(&loop_, UV_RUN_DEFAULT);
   EXPECT_EQ(server_.listener.data, nullptr);
   EXPECT_TRUE(peer.ReadEof());
+
+  ASSERT_TRUE(Listen());
+  on_connect_ = [&](int) {
+    server_.CloseAll();
+    EXPECT_NE(server_.listener.data, nullptr) << "the loop was turned inside its own turn";
+  };
+  RawPeer next = ConnectPeer(PortOf(server_));
+  uv_run(&loop_, UV_RUN_DEFAULT);
+  EXPECT_TRUE(next.ReadEof());
 }
 
 TEST_F(TcpServerLifecycle, IsNotInitialisedAgainBeforeTheLoopHasTurned) {
