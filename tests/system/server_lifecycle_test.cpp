@@ -1187,16 +1187,18 @@ TEST_P(ServerLifecycle, AHandlerMayCloseItsServer) {
 
 // It cannot serve there, nor wait for the end: the end waits for the handler.
 TEST_P(ServerLifecycle, RunInAHandlerReturns) {
+  Event entered;
   Event returned;
   TestServer server(GetParam());
   server.On("run", [&](int, MIVOParams*, MIVOParams*) {
+    entered.Signal();
     EXPECT_TRUE(server->run());
     returned.Signal();
   });
   ASSERT_TRUE(server.Init());
   RawPeer peer = server.Connect();
   ASSERT_TRUE(peer.SendFrame(Request({"run", 1})));
-  EXPECT_TRUE(peer.WaitUntilTaken());
+  ASSERT_TRUE(entered.WaitFor());
   EXPECT_TRUE(server->closeasync());
   ASSERT_TRUE(returned.WaitFor());
 }
