@@ -11,8 +11,7 @@ class MIVOParams;
 // One listening socket, its connections and its handlers.
 //
 // Threads: every operation may be called from any thread, from handlers and from notices; only destruction must not
-// race
-//   with other operations. Init* serves on a thread of the server's own; Start* and run() serve on the caller's.
+//   race with other operations. Init* serves on a thread of the server's own; Start* and run() on the caller's.
 // Call key: as for IClient.
 // Replies: a set returned by SendMsg belongs to the server and stays valid until the next call with the same key,
 //   ClearRetvalMem, or destruction. Do not delete it.
@@ -48,8 +47,8 @@ class MIVO_EXPORT IServer {
   virtual bool isok() = 0;
 
   // Closes: no new work, connections ended, calls to clients woken, handlers deleted (see SetCustomReleaseEvent). On
-  // the thread that serves, and when none does, it happens at once; on any other it is handed there and waited for. In
-  // a handler it only begins. Always true.
+  // the thread that serves, and when none does, it happens at once; any other asks that thread and waits until it has
+  // left the loop, so that no handler runs any more. In a handler it only begins. Always true.
   virtual bool close() = 0;
 
   // Asks the serving thread to close and returns after about 10 ms without waiting for the end. Always true.

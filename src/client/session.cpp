@@ -40,8 +40,6 @@ bool Session::Connect() {
   return false;
 }
 
-// ---- Any thread -----------------------------------------------------------------------------------------------------
-
 std::optional<std::string> Session::Call(std::string_view name, const MIVOParams* params, int key, int timeout_ms) {
   Waiter waiter(parts_.client, connection_->id(), key, timeout_ms);
   Frame request(EncodeRequest(name, key, params, waiter.token()));
@@ -80,9 +78,6 @@ void Session::Close(Handlers handlers) {
   // Too early or too late, the wake-up goes nowhere: a loop that is not open yet looks at the wish when it is.
   close_request_.Send();
 }
-
-// ---- Loop thread: from the start to the end
-// --------------------------------------------------------------------------
 
 void Session::RunThread() {
   const EventLoop::ThreadScope scope(loop_);
@@ -189,9 +184,6 @@ void Session::ShutQueueAndWakeCalls() {
   large_waiters_.ReleaseAll(parts_.client);
 }
 
-// ---- Loop thread: out
-// ------------------------------------------------------------------------------------------------
-
 void Session::SendQueued(std::vector<Outgoing> queued) {
   for (Outgoing& outgoing : queued)
     connection_->Send(std::move(outgoing.frame));
@@ -206,9 +198,6 @@ void Session::OnFrameDropped(Connection& connection) {
   if (connection.is_closed()) ReportDroppedFrame();
   parts_.print.Error("write data error\n");
 }
-
-// ---- Loop thread: in
-// -------------------------------------------------------------------------------------------------
 
 void Session::DoQueueWork(std::string_view payload) {
   const Envelope envelope = ReadEnvelope(payload);

@@ -11,7 +11,7 @@ namespace mivo_test {
 
 // How long a test waits for something that is going to happen. Only a failing test waits this long; it is generous
 // because sanitizers and a busy machine slow everything down.
-constexpr std::chrono::milliseconds kPatience{60000};
+constexpr std::chrono::milliseconds kPatience{45000};
 
 class Event {
  public:

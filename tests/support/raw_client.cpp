@@ -3,14 +3,17 @@
 #include "support/wire.h"
 
 #include <arpa/inet.h>
+#include <linux/sockios.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <utility>
@@ -68,6 +71,35 @@ int TryConnect(const Address& address) {
     setsockopt(descriptor, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
   }
   return descriptor;
+}
+
+int PortOf(int descriptor, decltype(&getsockname) get_name) {
+  sockaddr_storage storage{};
+  socklen_t size = sizeof storage;
+  get_name(descriptor, reinterpret_cast<sockaddr*>(&storage), &size);
+  return ntohs(storage.ss_family == AF_INET ? reinterpret_cast<sockaddr_in*>(&storage)->sin_port
+                                            : reinterpret_cast<sockaddr_in6*>(&storage)->sin6_port);
+}
+
+// The bytes that wait at one end of a connection between two ports of this machine: to be acknowledged, to be read.
+// False when the connection is not listed.
+bool QueuesOf(int local_port, int remote_port, unsigned* sending, unsigned* receiving) {
+  for (const char* table : {"/proc/net/tcp", "/proc/net/tcp6"}) {
+    FILE* const file = std::fopen(table, "re");
+    if (file == nullptr) continue;
+    char line[512];
+    bool found = false;
+    while (!found && std::fgets(line, sizeof line, file) != nullptr) {
+      unsigned local = 0;
+      unsigned remote = 0;
+      found =
+          std::sscanf(line, " %*d: %*[0-9A-F]:%X %*[0-9A-F]:%X %*X %X:%X", &local, &remote, sending, receiving) == 4 &&
+          local == static_cast<unsigned>(local_port) && remote == static_cast<unsigned>(remote_port);
+    }
+    std::fclose(file);
+    if (found) return true;
+  }
+  return false;
 }
 
 }  // namespace
@@ -135,6 +167,23 @@ std::optional<std::string> RawPeer::ReadFrame(std::chrono::milliseconds patience
   std::string payload = received_.substr(4, static_cast<std::size_t>(length));
   received_.erase(0, 4 + payload.size());
   return payload;
+}
+
+bool RawPeer::WaitUntilTaken(std::chrono::milliseconds patience) {
+  if (transport_ == Transport::Local) {
+    int queued = 0;
+    return Eventually([&] { return ioctl(descriptor_, SIOCOUTQ, &queued) == 0 && queued == 0; }, patience);
+  }
+  const int here = PortOf(descriptor_, getsockname);
+  const int there = PortOf(descriptor_, getpeername);
+  return Eventually(
+      [&] {
+        unsigned sending = 0;
+        unsigned receiving = 0;
+        if (!QueuesOf(here, there, &sending, &receiving) || sending != 0) return false;
+        return QueuesOf(there, here, &sending, &receiving) && receiving == 0;
+      },
+      patience);
 }
 
 std::optional<std::string> RawPeer::Exchange(std::string_view payload) {

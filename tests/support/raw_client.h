@@ -38,6 +38,10 @@ class RawPeer {
   // The next `count` bytes as they come.
   std::optional<std::string> ReadBytes(std::size_t count, std::chrono::milliseconds patience = kPatience);
 
+  // True once everything that was sent has been read by the other side, not only taken by its kernel. After it the next
+  // bytes arrive there as a chunk of their own.
+  bool WaitUntilTaken(std::chrono::milliseconds patience = kPatience);
+
   // Sends a frame and reads the next one.
   std::optional<std::string> Exchange(std::string_view payload);
 

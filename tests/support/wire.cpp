@@ -2,7 +2,6 @@
 
 #include <cstdio>
 #include <cstring>
-#include <stdexcept>
 
 namespace mivo_test {
 namespace {
@@ -234,44 +233,6 @@ std::optional<std::int32_t> IntOf(std::string_view payload, std::string_view key
   const Record* record = Find(*records, key);
   if (record == nullptr || record->tag != Record::kInt) return std::nullopt;
   return record->integer;
-}
-
-std::string Hex(std::string_view bytes) {
-  std::string text;
-  for (const char byte : bytes) {
-    char digits[4];
-    std::snprintf(digits, sizeof digits, "%02X", static_cast<unsigned>(static_cast<unsigned char>(byte)));
-    if (!text.empty()) text += ' ';
-    text += digits;
-  }
-  return text;
-}
-
-std::string FromHex(std::string_view digits) {
-  std::string bytes;
-  int high = -1;
-  for (const char digit : digits) {
-    int value = 0;
-    if (digit >= '0' && digit <= '9') {
-      value = digit - '0';
-    } else if (digit >= 'A' && digit <= 'F') {
-      value = digit - 'A' + 10;
-    } else if (digit >= 'a' && digit <= 'f') {
-      value = digit - 'a' + 10;
-    } else if (digit == ' ' || digit == '\n' || digit == '\r' || digit == '\t') {
-      continue;
-    } else {
-      throw std::invalid_argument("not a hexadecimal digit");
-    }
-    if (high < 0) {
-      high = value;
-    } else {
-      bytes += static_cast<char>(high << 4 | value);
-      high = -1;
-    }
-  }
-  if (high >= 0) throw std::invalid_argument("an odd number of hexadecimal digits");
-  return bytes;
 }
 
 std::string LittleEndian(std::int32_t value) {

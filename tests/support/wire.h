@@ -3,6 +3,8 @@
 #ifndef MIVO_TESTS_SUPPORT_WIRE_H_
 #define MIVO_TESTS_SUPPORT_WIRE_H_
 
+#include "support/golden.h"
+
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -41,6 +43,7 @@ class Wire {
 
   const std::string& bytes() const { return bytes_; }
   operator const std::string&() const { return bytes_; }
+  operator std::string_view() const { return bytes_; }
 
  private:
   void U32(std::uint32_t value);
@@ -79,8 +82,10 @@ const Record* Find(const std::vector<Record>& records, std::string_view key);
 std::optional<std::string> TextOf(std::string_view payload, std::string_view key);
 std::optional<std::int32_t> IntOf(std::string_view payload, std::string_view key);
 
-std::string Hex(std::string_view bytes);       // "05 FF"
-std::string FromHex(std::string_view digits);  // blanks and line ends are skipped
+// As in "05 FF".
+inline std::string Hex(std::string_view bytes) {
+  return ToHex(bytes);
+}
 
 std::string LittleEndian(std::int32_t value);
 std::string Frame(std::string_view payload);  // with its length in front
