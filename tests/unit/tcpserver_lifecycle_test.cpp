@@ -291,6 +291,8 @@ TEST_F(TcpServerLifecycle, ServesTheOthersOnTheLoopWhileItCloses) {
 }
 
 TEST_F(TcpServerLifecycle, LeavesTheLoopToWhoTurnsItWhenItCloses) {
+  ASSERT_TRUE(Listen());
+  auto [peer, id] = Connect();
   struct Closer {
     CTcpServer* server;
     int turns;
@@ -312,8 +314,6 @@ TEST_F(TcpServerLifecycle, LeavesTheLoopToWhoTurnsItWhenItCloses) {
     uv_close(reinterpret_cast<uv_handle_t*>(handle), nullptr);
   });
   uv_unref(reinterpret_cast<uv_handle_t*>(&count));
-  ASSERT_TRUE(Listen());
-  auto [peer, id] = Connect();
   uv_run(&loop_, UV_RUN_DEFAULT);
   EXPECT_EQ(server_.listener.data, nullptr);
   EXPECT_TRUE(peer.ReadEof());
