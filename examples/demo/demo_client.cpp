@@ -15,6 +15,7 @@
 #include <iostream>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <sstream>
 #include <string>
@@ -72,19 +73,23 @@ bool Connect(IClient& client, const std::string& socket_name) {
   return true;
 }
 
-// 0 for a reply, which stays the client's; otherwise the code of an error set, which is ours and is deleted.
-int TakeError(MIVOParams* reply) {
+// Nothing for a reply, which stays the client's; otherwise the code of an error set, which is ours and is deleted.
+std::optional<int> TakeError(MIVOParams* reply) {
   const MIVOValue* const code = reply->GetMap("errorCode");
-  if (code == nullptr) return 0;
+  if (code == nullptr) return std::nullopt;
   const int value = code->GetInt();
   delete reply;
   return value;
 }
 
+std::string TextOf(std::optional<int> error) {
+  return error ? "error " + std::to_string(*error) : "a reply";
+}
+
 // The reply's first value, printed as text; "error <code>" if there was no reply.
 std::string Ask(IClient& client, const char* name, MIVOParams* request = nullptr) {
   MIVOParams* const reply = client.SendMsg(name, request, 0, kTimeoutMs);
-  if (const int error = TakeError(reply)) return "error " + std::to_string(error);
+  if (const std::optional<int> error = TakeError(reply)) return TextOf(error);
   const MIVOValue* const first = reply->GetValue(0);
   std::ostringstream text;
   text << std::setprecision(10);
@@ -132,8 +137,8 @@ void EchoEveryType(IClient& client) {
   MIVOParams* const reply = client.SendMsg("echo", &request, 0, kTimeoutMs);
   std::cout << "came back:";
   reply->print();
-  if (const int error = TakeError(reply)) {
-    Expect(false, "echo is answered, not with error " + std::to_string(error));
+  if (const std::optional<int> error = TakeError(reply)) {
+    Expect(false, "echo is answered, not with " + TextOf(error));
     return;
   }
   Expect(BeginsWith(*reply, request), "the echo is what was sent, byte for byte; behind it stands the envelope");
@@ -151,7 +156,7 @@ void AskForTheMachine(IClient& client) {
   Expect(sum == "500500.5", "1 + 2 + ... + 1000 + 0.5 = " + sum);
 
   MIVOParams* const machine = client.SendMsg("machine", nullptr, 0, kTimeoutMs);
-  if (TakeError(machine) != 0) {
+  if (TakeError(machine)) {
     Expect(false, "machine is answered");
     return;
   }
@@ -168,7 +173,7 @@ void AskForTheMachine(IClient& client) {
   MIVOParams path;
   path.AddString("/");
   MIVOParams* const listing = client.SendMsg("list", &path, 0, kTimeoutMs);
-  if (TakeError(listing) != 0) {
+  if (TakeError(listing)) {
     Expect(false, "list is answered");
     return;
   }
@@ -187,10 +192,10 @@ void AskForTheMachine(IClient& client) {
 void LoseAReply(IClient& client) {
   std::cout << "\n-- slow, called with 300 ms of patience; and a method that nobody offers" << std::endl;
   const auto start = std::chrono::steady_clock::now();
-  const int error = TakeError(client.SendMsg("slow", nullptr, 0, 300));
+  const std::optional<int> error = TakeError(client.SendMsg("slow", nullptr, 0, 300));
   const auto waited = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start);
-  Expect(error == -1001, "no reply in time: error " + std::to_string(error) + " after " +
-                             std::to_string(waited.count()) + " ms (time-outs are looked at every 100 ms)");
+  Expect(error == -1001, "no reply in time: " + TextOf(error) + " after " + std::to_string(waited.count()) +
+                             " ms (time-outs are looked at every 100 ms)");
   // Now slow comes to its end, and its reply comes too late for anybody.
   Ask(client, "go");
   const std::string sum = Ask(client, "no_such_method");
@@ -212,7 +217,7 @@ void AnswerQuestion(IClient& client, MIVOParams* reply) {
   list->AddInt(3);
   numbers.AddList(list);
   MIVOParams* const sum = client.SendMsgFast("sum", &numbers, 0, kTimeoutMs);
-  if (TakeError(sum) != 0) return;
+  if (TakeError(sum)) return;
   const MIVOValue* const value = sum->GetValue(0);
   if (value == nullptr || !value->IsDouble()) return;
   reply->AddString(("demo_client, and 2 + 3 = " + std::to_string(static_cast<int>(value->GetDouble()))).c_str());
@@ -241,7 +246,7 @@ void TourOfAllTransports(const std::string& socket_name) {
   const bool connected = Tour("local socket /tmp/echo.sock." + socket_name, [&](IClient& client) {
     if (!Connect(client, socket_name)) return false;
     MIVOParams* const ports = client.SendMsg("tcp_ports", nullptr, 0, kTimeoutMs);
-    if (TakeError(ports) != 0 || ports->ParamsSize() != 2) return false;
+    if (TakeError(ports) || ports->ParamsSize() != 2) return false;
     tcp4_port = std::to_string(ports->GetValue(0)->GetInt());
     tcp6_port = std::to_string(ports->GetValue(1)->GetInt());
     return true;
@@ -369,7 +374,7 @@ bool SendFile(IClient& client, const std::string& path, long size) {
     request.AddInt(static_cast<int>(offset));
     request.AddStream(bytes.data(), length);
     MIVOParams* const reply = client.SendMsgEx("put", &request, 0, 30000);
-    if (TakeError(reply) != 0) return false;
+    if (TakeError(reply)) return false;
     const MIVOValue* const stored = reply->GetValue(0);
     if (stored == nullptr || !stored->IsInt() || stored->GetInt() != length) return false;
     progress.Show(offset + length);
@@ -386,7 +391,7 @@ bool FetchFile(IClient& client, const std::string& path, long size) {
     request.AddInt(static_cast<int>(offset));
     request.AddInt(static_cast<int>(length));
     MIVOParams* const reply = client.SendMsgEx("get", &request, 0, 30000);
-    if (TakeError(reply) != 0) return false;
+    if (TakeError(reply)) return false;
     const MIVOValue* const piece = reply->GetValue(0);
     if (piece == nullptr || !piece->IsStream()) return false;
     long piece_size = 0;
@@ -434,13 +439,12 @@ void SeeTheServerGo(const std::string& socket_name) {
   client->PostMsg("stop", nullptr, 0);
   Expect(closed.get_future().wait_for(patience) == std::future_status::ready,
          "asked to stop, the server is gone: notice");
-  const int error = waiting.get();
-  Expect(error == -1001,
-         "the call under way has ended: error " + std::to_string(error) + ", nobody knows how far it got");
+  const std::optional<int> error = waiting.get();
+  Expect(error == -1001, "the call under way has ended: " + TextOf(error) + ", nobody knows how far it got");
   Expect(!client->isok(), "the client knows that it is not connected");
   std::cout << "   the library says of the next call: " << std::flush;
-  const int next_error = TakeError(client->SendMsg("echo", nullptr, 0, kTimeoutMs));
-  Expect(next_error == -1000, "the next call was not sent: error " + std::to_string(next_error));
+  const std::optional<int> next_error = TakeError(client->SendMsg("echo", nullptr, 0, kTimeoutMs));
+  Expect(next_error == -1000, "the next call was not sent: " + TextOf(next_error));
   Expect(!client->InitMIVOClient(socket_name.c_str(), true), "and nobody is there to connect to");
 }
 

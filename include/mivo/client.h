@@ -14,11 +14,9 @@ class MIVOParams;
 //   "s_c_closed" notice; only destruction must not race with other operations. On the client's own loop thread (that
 //   notice) a call never waits: it is sent, and comes back with "errorCode" -1001.
 // Blocking: Init*, SendMsg*, PostMsg* and close block as told at each. Every one of them returns: at the latest when
-// its
-//   time-out has passed, the connection has ended, or the client is closed.
+//   its time-out has passed, the connection has ended, or the client is closed.
 // Call key: a non-zero `key` names the call; 0 means the calling thread's id. Two calls in flight at one time should
-// not
-//   share a key.
+//   not share a key.
 // Replies: a set returned by a call belongs to the client and stays valid until the next call with the same key starts,
 //   ClearRetvalMem, or destruction. Do not delete it. The one exception is a set holding "errorCode" that the client
 //   made itself (-1000 not connected, nothing was sent; -1001 no reply came, whether the call was carried out is

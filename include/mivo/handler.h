@@ -12,8 +12,7 @@ class MIVOParams;
 //   "s_c_connect", "s_c_closed" and "s_c_createport" run on the loop thread of the object they are registered with and
 //   hold up everything else of that object while they run.
 // Ownership: the object a handler is registered with deletes it when it closes, unless SetCustomReleaseEvent was
-// called.
-//   Both parameter sets belong to the library and end with the call.
+//   called. Both parameter sets belong to the library and end with the call.
 // Errors: an exception that leaves OnCall is reported on standard output; the caller gets the reply as filled so far.
 class MIVO_EXPORT IServerMethod {
  public:

@@ -11,14 +11,14 @@ class MIVOParams;
 // One listening socket, its connections and its handlers.
 //
 // Threads: every operation may be called from any thread, from handlers and from notices; only destruction must not
-// race
-//   with other operations. Init* serves on a thread of the server's own; Start* and run() serve on the caller's.
+//   race with other operations. Init* serves on a thread of the server's own; Start* and run() on the caller's.
 // Call key: as for IClient.
 // Replies: a set returned by SendMsg belongs to the server and stays valid until the next call with the same key,
 //   ClearRetvalMem, or destruction. Do not delete it.
 // Notices: handlers registered as "s_c_connect", "s_c_closed" (a client came, went; its id is passed) and
 //   "s_c_createport" (listening began; one string: the socket name or port text) run on the loop thread. A handler
-//   registered as "s_c_log" gets every diagnostic line, as one string, in place of standard output.
+//   registered as "s_c_log" gets every diagnostic line, as one string, in place of standard output, on whichever thread
+//   has something to say; it stays the application's, and must live until the server is destroyed.
 //
 // The operations stand in this order, the destructor last: the order of the virtual table is part of the interface.
 class MIVO_EXPORT IServer {
@@ -48,8 +48,8 @@ class MIVO_EXPORT IServer {
   virtual bool isok() = 0;
 
   // Closes: no new work, connections ended, calls to clients woken, handlers deleted (see SetCustomReleaseEvent). On
-  // the thread that serves, and when none does, it happens at once; on any other it is handed there and waited for. In
-  // a handler it only begins. Always true.
+  // the thread that serves, and when none does, it happens at once; any other asks that thread and waits until it has
+  // left the loop, so that no handler runs any more. In a handler it only begins. Always true.
   virtual bool close() = 0;
 
   // Asks the serving thread to close and returns after about 10 ms without waiting for the end. Always true.

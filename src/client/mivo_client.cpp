@@ -58,9 +58,6 @@ MIVOClient::~MIVOClient() {
   callers_.WaitUntilNobody();
 }
 
-// ---- Connecting and closing
-// ------------------------------------------------------------------------------------------
-
 bool MIVOClient::InitMIVOClient(const char* name, bool) {
   return Init({Endpoint::kLocal, TextOrEmpty(name), ""});
 }
@@ -172,9 +169,6 @@ void MIVOClient::DropSession(const std::shared_ptr<Session>& session) {
   if (session_ == session) session_.reset();
 }
 
-// ---- Calls
-// -----------------------------------------------------------------------------------------------------------
-
 MIVOParams* MIVOClient::SendMsg(const char* name, MIVOParams* params, int key, int timeout) {
   const TurnLock turn(TurnLock::Turn::kCall);
   return SendMsgFast(name, params, key, timeout);
@@ -275,9 +269,6 @@ void MIVOClient::ClearRetvalMem() {
   large_replies_.Clear();
 }
 
-// ---- Serving
-// ---------------------------------------------------------------------------------------------------------
-
 void MIVOClient::Serve(const Request& request, MIVOParams* reply) {
   IServerMethod* const handler = handlers_.Find(request.name);
   if (handler == nullptr) {
@@ -302,9 +293,6 @@ void MIVOClient::methodall(IMethodAll* handler) {
 void MIVOClient::SetCustomReleaseEvent() {
   handlers_.KeepHandlers();
 }
-
-// ---- Settings
-// --------------------------------------------------------------------------------------------------------
 
 void MIVOClient::SetTimeoutStep(int) {}
 

@@ -40,8 +40,6 @@ bool Session::Connect() {
   return false;
 }
 
-// ---- Any thread -----------------------------------------------------------------------------------------------------
-
 std::optional<std::string> Session::Call(std::string_view name, const MIVOParams* params, int key, int timeout_ms) {
   Waiter waiter(parts_.client, connection_->id(), key, timeout_ms);
   Frame request(EncodeRequest(name, key, params, waiter.token()));
@@ -50,7 +48,7 @@ std::optional<std::string> Session::Call(std::string_view name, const MIVOParams
     connection_->Send(std::move(request));
     return std::nullopt;
   }
-  return AwaitReply(waiters_, waiter, [&] { return outgoing_.Push({std::move(request), nullptr}); });
+  return AwaitReply(waiters_, waiter, [&] { return outgoing_.Push({std::move(request), key, nullptr}); });
 }
 
 void Session::Post(std::string_view name, const MIVOParams* params, int key) {
@@ -62,7 +60,7 @@ void Session::Post(std::string_view name, const MIVOParams* params, int key) {
     return;
   }
   OneShot written;
-  if (outgoing_.Push({std::move(request), &written})) written.Wait();
+  if (outgoing_.Push({std::move(request), key, &written})) written.Wait();
 }
 
 std::optional<std::string> Session::CallLarge(int key, int timeout_ms, const std::function<void()>& send) {
@@ -80,9 +78,6 @@ void Session::Close(Handlers handlers) {
   // Too early or too late, the wake-up goes nowhere: a loop that is not open yet looks at the wish when it is.
   close_request_.Send();
 }
-
-// ---- Loop thread: from the start to the end
-// --------------------------------------------------------------------------
 
 void Session::RunThread() {
   const EventLoop::ThreadScope scope(loop_);
@@ -189,15 +184,15 @@ void Session::ShutQueueAndWakeCalls() {
   large_waiters_.ReleaseAll(parts_.client);
 }
 
-// ---- Loop thread: out
-// ------------------------------------------------------------------------------------------------
-
 void Session::SendQueued(std::vector<Outgoing> queued) {
   for (Outgoing& outgoing : queued)
     connection_->Send(std::move(outgoing.frame));
-  connection_->Flush();
+  const bool is_sent = connection_->Flush();
   for (const Outgoing& outgoing : queued) {
-    if (outgoing.written != nullptr) outgoing.written->Set();
+    if (outgoing.written == nullptr) continue;
+    // A dropped post will not be answered.
+    if (!is_sent) posts_.TakeAnswer(outgoing.key);
+    outgoing.written->Set();
   }
 }
 
@@ -206,9 +201,6 @@ void Session::OnFrameDropped(Connection& connection) {
   if (connection.is_closed()) ReportDroppedFrame();
   parts_.print.Error("write data error\n");
 }
-
-// ---- Loop thread: in
-// -------------------------------------------------------------------------------------------------
 
 void Session::DoQueueWork(std::string_view payload) {
   const Envelope envelope = ReadEnvelope(payload);

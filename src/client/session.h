@@ -44,13 +44,12 @@ struct ClientParts {
 // Everything that must not survive a connection lives here and dies with it: a new connection gets a new session.
 //
 // Who ends what, in order:
-//   the connection ends    the notices run; then isok is false; then the queue is shut, and every waiting call is
-//   woken.
-//                          The loop goes on until it is closed.
-//   Close                  on the loop thread: handlers out of the table, queue shut, calls woken, handles closed. Work
-//   on
-//                          the pool still finishes; its replies are dropped.
-//   the loop's end         no work is left: the handlers that were running are deleted, and the thread ends.
+//   the connection ends   the notices run; then isok is false; then the queue is shut, and every waiting call is woken.
+//                         The loop goes on until it is closed.
+//   Close                 on the loop thread: queue written and shut, calls woken, requests that wait for the pool
+//                         dropped, handlers out of the table, handles closed. Handlers that run still finish; their
+//                         replies are dropped.
+//   the loop's end        nothing runs any more: the handlers are deleted, and the thread ends.
 // A call lists itself as waiting before it pushes its request. So a push that is taken before the queue is shut belongs
 // to a waiter that is woken afterwards, and a push that is refused tells its caller.
 class Session : private Connection::Owner {
@@ -94,6 +93,7 @@ class Session : private Connection::Owner {
  private:
   struct Outgoing {
     Frame frame;
+    int key;
     OneShot* written;  // null for calls, which wait for their replies
   };
 

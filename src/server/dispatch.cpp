@@ -1,6 +1,6 @@
 #include "server/dispatch.h"
 
-#include <cstring>
+#include <string_view>
 
 #include "calls/handler_run.h"
 #include "transport/builtin_keys.h"
@@ -11,9 +11,15 @@ namespace mivo {
 
 namespace {
 
+bool IsOurBanner(const MIVOValue* value) {
+  if (value == nullptr || !value->IsString()) return false;
+  long length = 0;
+  const char* const bytes = value->GetStream(length);
+  return std::string_view(bytes, static_cast<std::size_t>(length)) == kVersionBanner;
+}
+
 void AnswerVersion(const MIVOParams& request, MIVOParams* reply) {
-  const MIVOValue* const banner = request.GetMap(kVersionKey);
-  reply->AddBool(banner != nullptr && banner->IsString() && std::strcmp(banner->GetString(), kVersionBanner) == 0);
+  reply->AddBool(IsOurBanner(request.GetMap(kVersionKey)));
   reply->AddKeyValueString(kVersionKey, kVersionBanner);
 }
 

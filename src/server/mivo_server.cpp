@@ -38,7 +38,7 @@ MIVOServer::MIVOServer()
 
 MIVOServer::~MIVOServer() {
   if (const std::shared_ptr<Serving> serving = CurrentServing()) {
-    serving->Close(Serving::Wait::kUntilClosed);
+    serving->Close(Serving::Wait::kUntilEnded);
     thread_.Join();
     // Nobody may be left to run the loop: then this thread sees its handles off.
     serving->Run();
@@ -63,9 +63,6 @@ void MIVOServer::RegisterBuiltins() {
   handlers_.RegisterBuiltin(kSliceHeaderMethod, slice_header_receiver_.get());
   handlers_.RegisterBuiltin(kSliceMethod, slice_receiver_.get());
 }
-
-// ---- Starting
-// --------------------------------------------------------------------------------------------------------
 
 bool MIVOServer::StartMIVOServer(const char* name) {
   return Start({Endpoint::kLocal, TextOrEmpty(name), ""});
@@ -135,19 +132,16 @@ bool MIVOServer::StartOnThread(const char* port, const std::function<bool(const 
 }
 
 bool MIVOServer::run() {
-  if (const std::shared_ptr<Serving> serving = CurrentServing()) {
-    if (!serving->InThread()) serving->Run();
-  }
+  // A handler would wait for its own end.
+  if (IsInsideItself()) return true;
+  if (const std::shared_ptr<Serving> serving = CurrentServing()) serving->Run();
   return true;
 }
-
-// ---- Closing
-// ---------------------------------------------------------------------------------------------------------
 
 bool MIVOServer::close() {
   const std::shared_ptr<Serving> serving = CurrentServing();
   if (!serving || !serving->is_running()) return true;
-  serving->Close(HandlerScope::Inside(this) ? Serving::Wait::kNo : Serving::Wait::kUntilClosed);
+  serving->Close(HandlerScope::Inside(this) ? Serving::Wait::kNo : Serving::Wait::kUntilEnded);
   return true;
 }
 
@@ -178,9 +172,6 @@ std::shared_ptr<Serving> MIVOServer::CurrentServing() {
   return serving_;
 }
 
-// ---- Calls to clients
-// ------------------------------------------------------------------------------------------------
-
 MIVOParams* MIVOServer::SendMsg(int clientId, const char* name, MIVOParams* params, int key, int timeout) {
   const Presence::Scope inside(callers_);
   const std::shared_ptr<Serving> serving = CurrentServing();
@@ -208,9 +199,6 @@ int MIVOServer::PostMsg(int clientId, const char* name, MIVOParams* params, int 
 void MIVOServer::ClearRetvalMem() {
   replies_.Clear();
 }
-
-// ---- Handlers and settings
-// -------------------------------------------------------------------------------------------
 
 void MIVOServer::method(const char* name, IServerMethod* handler) {
   if (name != nullptr && std::strcmp(name, kLogSink) == 0) {

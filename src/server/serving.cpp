@@ -25,9 +25,6 @@ Serving::~Serving() {
   Run();
 }
 
-// ---- Who holds the loop
-// ----------------------------------------------------------------------------------------------
-
 bool Serving::TryTakeLoop() {
   MutexLock lock(mutex_);
   return !std::exchange(loop_taken_, true);
@@ -45,9 +42,6 @@ void Serving::ReleaseLoop() {
   loop_taken_ = false;
   loop_released_.NotifyAll();
 }
-
-// ---- From the start to the end
-// ---------------------------------------------------------------------------------------
 
 bool Serving::Start(const Endpoint& endpoint) {
   TakeLoop();
@@ -100,7 +94,10 @@ void Serving::Close(Wait wait) {
     ReleaseLoop();
   } else {
     RequestClose();
-    if (wait == Wait::kUntilClosed) closed_.Wait();
+    if (wait == Wait::kNo) return;
+    // Whoever holds the loop gives it back when it has ended.
+    TakeLoop();
+    ReleaseLoop();
   }
 }
 
@@ -115,7 +112,6 @@ void Serving::CloseHere() {
   running_ = false;
   CloseHandles();
   parts_.print.Debug("Server Closed!\n");
-  closed_.Set();
 }
 
 void Serving::CloseHandles() {
@@ -124,9 +120,6 @@ void Serving::CloseHandles() {
   listener_.Close();
   close_request_.Close();
 }
-
-// ---- What comes in
-// ---------------------------------------------------------------------------------------------------
 
 void Serving::DoQueueWork(const std::shared_ptr<Connection>& client, std::string_view payload) {
   const Envelope envelope = ReadEnvelope(payload);

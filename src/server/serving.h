@@ -7,7 +7,6 @@
 #include <string_view>
 
 #include "base/mutex.h"
-#include "base/one_shot.h"
 #include "calls/handler_table.h"
 #include "calls/reply_table.h"
 #include "loop/event_loop.h"
@@ -36,9 +35,9 @@ struct ServerParts {
 // start and the end. So the loop's objects belong to whoever has taken hold of it: Start and Run take hold, and so does
 // a close when nobody else has. Anybody else asks the holder.
 //
-//   Close             handlers out of the table, queue shut, callers woken, handles closed. Work on the pool still
-//                     finishes; its replies are dropped.
-//   the loop's end    no work is left: the handlers that were running are deleted.
+//   Close             requests that wait for the pool dropped, handlers out of the table, queue written and shut,
+//                     callers woken, handles closed. Handlers that run still finish; their replies are dropped.
+//   the loop's end    nothing runs any more: the handlers are deleted.
 class Serving {
  public:
   explicit Serving(const ServerParts& parts);
@@ -50,9 +49,9 @@ class Serving {
   // Serves on the calling thread until closed. While another thread serves: waits for its end.
   void Run();
 
-  // Any thread. Closes here and now if this is the thread that serves, or nobody serves; otherwise asks and, with
-  // `wait`, waits until it is closed.
-  enum class Wait { kNo, kUntilClosed };
+  // Any thread. Closes here and now if this is the thread that serves, or nobody serves; otherwise asks and, with `wait`,
+  // waits until that thread has left, and with it every handler.
+  enum class Wait { kNo, kUntilEnded };
   void Close(Wait wait);
 
   // Any thread. Asks the thread that serves, or will serve, to close.
@@ -91,7 +90,6 @@ class Serving {
 
   // Written by the holder of the loop, read by any thread.
   std::atomic<bool> running_{false};
-  OneShot closed_;
 
   Mutex mutex_;
   Condition loop_released_;

@@ -7,9 +7,11 @@
 #include <gtest/gtest.h>
 
 #include <dirent.h>
+#include <fcntl.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <chrono>
-#include <cstring>
 
 namespace mivo_test {
 
@@ -18,14 +20,23 @@ struct Resources {
   int descriptors = 0;
 };
 
+// By system calls of its own: a thread sanitizer that follows descriptors by their numbers does not see libuv close its
+// own, and would take the number's next use for a race.
 inline int CountEntries(const char* directory) {
-  DIR* const listing = opendir(directory);
-  if (listing == nullptr) return -1;
+  const long listing = syscall(SYS_openat, AT_FDCWD, directory, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (listing < 0) return -1;
+  alignas(dirent64) char entries[4096];
   int count = 0;
-  while (const dirent* entry = readdir(listing)) {
-    if (entry->d_name[0] != '.') ++count;
+  for (;;) {
+    const long size = syscall(SYS_getdents64, listing, entries, sizeof entries);
+    if (size <= 0) break;
+    for (long at = 0; at < size;) {
+      const auto* const entry = reinterpret_cast<const dirent64*>(entries + at);
+      if (entry->d_name[0] != '.') ++count;
+      at += entry->d_reclen;
+    }
   }
-  closedir(listing);
+  syscall(SYS_close, listing);
   return count;
 }
 

@@ -9,14 +9,14 @@
 #include "support/handlers.h"
 #include "support/raw_client.h"
 #include "support/raw_server.h"
+#include "support/reply.h"
+#include "support/sanitizers.h"
 #include "support/teardown.h"
 #include "support/test_server.h"
+#include "support/thread_id.h"
 #include "support/transport.h"
 
 #include <gtest/gtest.h>
-
-#include <sys/syscall.h>
-#include <unistd.h>
 
 #include <functional>
 #include <future>
@@ -26,16 +26,6 @@
 #include <utility>
 
 namespace mivo_test {
-
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool kSanitized = true;
-#else
-constexpr bool kSanitized = false;
-#endif
-
-inline int ThreadId() {
-  return static_cast<int>(syscall(SYS_gettid));
-}
 
 inline int SetLog(IClient* client, std::string text, int level) {
   return client->log(text.data(), level);
@@ -73,6 +63,10 @@ class TestClient {
   bool Init(const Address& address) { return InitClient(client_, address); }
   RawPeer InitAgainst(RawServer& server, std::string* check = nullptr) {
     return mivo_test::InitAgainst(client_, server, check);
+  }
+
+  Reply Call(const char* name, MIVOParams* params = nullptr, int key = 0, int timeout = 0) {
+    return Reply(client_->SendMsgFast(name, params, key, timeout));
   }
 
   void Destroy() {

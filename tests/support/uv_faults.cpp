@@ -1,6 +1,7 @@
 #include "support/uv_faults.h"
 
 #include <dlfcn.h>
+#include <pthread.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <uv.h>
@@ -132,6 +133,12 @@ int uv_tcp_bind(uv_tcp_t* handle, const struct sockaddr* address, unsigned int f
   return error != 0 ? error : real(handle, address, flags);
 }
 
+int uv_tcp_connect(uv_connect_t* request, uv_tcp_t* handle, const struct sockaddr* address, uv_connect_cb callback) {
+  static const auto real = Real<decltype(&uv_tcp_connect)>("uv_tcp_connect");
+  const int error = ErrorOfThisCall(Fault::kTcpConnect);
+  return error != 0 ? error : real(request, handle, address, callback);
+}
+
 int uv_listen(uv_stream_t* stream, int backlog, uv_connection_cb callback) {
   static const auto real = Real<decltype(&uv_listen)>("uv_listen");
   const int error = ErrorOfThisCall(Fault::kListen);
@@ -145,13 +152,15 @@ int uv_listen(uv_stream_t* stream, int backlog, uv_connection_cb callback) {
 
 int uv_async_init(uv_loop_t* loop, uv_async_t* handle, uv_async_cb callback) {
   static const auto real = Real<decltype(&uv_async_init)>("uv_async_init");
-  const int error = ErrorOfThisCall(Fault::kAsyncInit);
+  // libuv makes one for itself in each loop.
+  const int error = handle == &loop->wq_async ? 0 : ErrorOfThisCall(Fault::kAsyncInit);
   return error != 0 ? error : real(loop, handle, callback);
 }
 
 int uv_accept(uv_stream_t* server, uv_stream_t* client) {
   static const auto real = Real<decltype(&uv_accept)>("uv_accept");
-  const int error = ErrorOfThisCall(Fault::kAccept);
+  // Only where there is a connection to accept.
+  const int error = server->accepted_fd == -1 ? 0 : ErrorOfThisCall(Fault::kAccept);
   if (error == 0) return real(server, client);
   // The real function is made to fail, so that it leaves the listener as a failure leaves it: a stream that already has
   // another descriptor cannot be opened.
@@ -199,16 +208,12 @@ int uv_timer_start(uv_timer_t* handle, uv_timer_cb callback, uint64_t timeout, u
   return error != 0 ? error : real(handle, callback, timeout, repeat);
 }
 
-int uv_thread_create(uv_thread_t* thread, uv_thread_cb entry, void* argument) {
-  static const auto real = Real<decltype(&uv_thread_create)>("uv_thread_create");
+// Under both uv_thread_create and std::thread.
+int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*entry)(void*),
+                   void* argument) noexcept {
+  static const auto real = Real<int (*)(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*)>("pthread_create");
   const int error = ErrorOfThisCall(Fault::kThreadCreate);
-  return error != 0 ? error : real(thread, entry, argument);
-}
-
-int uv_thread_create_ex(uv_thread_t* thread, const uv_thread_options_t* options, uv_thread_cb entry, void* argument) {
-  static const auto real = Real<decltype(&uv_thread_create_ex)>("uv_thread_create_ex");
-  const int error = ErrorOfThisCall(Fault::kThreadCreate);
-  return error != 0 ? error : real(thread, options, entry, argument);
+  return error != 0 ? -error : real(thread, attributes, entry, argument);
 }
 
 int chmod(const char* path, mode_t mode) noexcept {

@@ -14,6 +14,7 @@ enum class Fault {
   kPipeBind,
   kTcpInit,
   kTcpBind,
+  kTcpConnect,
   kListen,
   kAsyncInit,
   kAccept,  // the connection that was to be accepted is gone, as after a real failure
@@ -22,7 +23,7 @@ enum class Fault {
   kQueueWork,
   kTimerInit,
   kTimerStart,
-  kThreadCreate,
+  kThreadCreate,  // of any thread, libuv's or not
   kChmod,
   kChown,
   kListenerError,  // the connection callback is first called with the error, then as it would have been
@@ -30,7 +31,7 @@ enum class Fault {
 };
 
 // While it lives, calls number `first` to `first` + `count` - 1 of the function, counted from now on over the whole
-// process, fail with `error` (a libuv error code; for chmod and chown the negative errno).
+// process, fail with `error` (a libuv error code; for threads, chmod and chown the negative errno).
 class ScopedFault {
  public:
   ScopedFault(Fault fault, int first, int count, int error);

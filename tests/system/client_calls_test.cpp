@@ -56,9 +56,8 @@ class ClientCalls : public testing::TestWithParam<Transport> {
   }
 
   std::unique_ptr<PendingCall> Start(const char* name, int key, int timeout) {
-    return std::make_unique<PendingCall>([this, name, key, timeout] {
-      return client_->SendMsgFast(name, nullptr, key, timeout);
-    });
+    return std::make_unique<PendingCall>(
+        [this, name, key, timeout] { return client_->SendMsgFast(name, nullptr, key, timeout); });
   }
 
   // A call on the key that nobody answers in time.
@@ -397,8 +396,11 @@ TEST_P(ClientCalls, AReplyWithoutAThreadIdIsDropped) {
   const auto call = Start("foo", 9, 300);
   const Asked asked = Next();
   ASSERT_TRUE(SendAndWait(ServerReply(Wire().Int(1), std::nullopt, asked.semid())));
-  ASSERT_TRUE(SendAndWait(Wire().Int(1).KeyString("s_c_sw_name", "retval").KeyString("s_c_sw_threadid", "9").KeyString(
-      "s_c_sw_semid", asked.semid())));
+  ASSERT_TRUE(SendAndWait(Wire()
+                              .Int(1)
+                              .KeyString("s_c_sw_name", "retval")
+                              .KeyString("s_c_sw_threadid", "9")
+                              .KeyString("s_c_sw_semid", asked.semid())));
   EXPECT_EQ(TakeError(call->Wait()), -1001);
   EXPECT_GE(call->elapsed_ms(), 300);
 }

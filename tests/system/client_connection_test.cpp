@@ -2,7 +2,6 @@
 
 #include "support/event.h"
 #include "support/raw_server.h"
-#include "support/start_faults.h"
 #include "support/stdout_capture.h"
 #include "support/teardown.h"
 #include "support/test_client.h"
@@ -136,7 +135,7 @@ TEST_P(ClientConnection, TheLoopThreadPrintsItsBannerAndItsLines) {
   StdoutCapture output;
   TestClient client;
   ASSERT_TRUE(client.InitAgainst(server).connected());
-  const std::string banner = IsLocal()                         ? "MIVO Version: 1.1.0.12\n"
+  const std::string banner = IsLocal()                       ? "MIVO Version: 1.1.0.12\n"
                              : GetParam() == Transport::Tcp4 ? "Tcp4: MIVO Version: 1.1.0.12\n"
                                                              : "Tcp6: MIVO Version: 1.1.0.12\n";
   EXPECT_EQ(output.Text().compare(0, banner.size(), banner), 0) << "the banner comes first";
@@ -227,8 +226,7 @@ TEST_P(ClientConnection, AGoodCheckPrintsBothVersions) {
   TestClient client;
   StdoutCapture output;
   ASSERT_TRUE(client.Init(server.address()));
-  EXPECT_EQ(
-      output.Count("Check Server Version: \nserver MIVO Version: 1.1.0.12\nclient MIVO Version: 1.1.0.12 \n"), 1);
+  EXPECT_EQ(output.Count("Check Server Version: \nserver MIVO Version: 1.1.0.12\nclient MIVO Version: 1.1.0.12 \n"), 1);
 }
 
 TEST_P(ClientConnection, ACheckAnsweredWithoutATextPrintsNoneForTheServer) {
@@ -369,7 +367,7 @@ TEST_P(ClientConnection, EveryFailedStepOfAStartLeavesTheClientFitForTheNext) {
     EXPECT_FALSE(client->isok());
   }
   {
-    const ScopedThreadFault fault;
+    const ScopedFault fault(Fault::kThreadCreate, 1, 1, UV_EAGAIN);
     EXPECT_FALSE(client.Init(listening.address()));
     EXPECT_EQ(fault.failures(), 1);
     EXPECT_FALSE(client->isok());
@@ -414,7 +412,7 @@ TEST_P(ClientOverTcp, OnlyIpv4SaysWhichStepFailed) {
   }
   EXPECT_EQ(output.Count("uv_tcp_init error\n"), lines);
   {
-    const ScopedConnectFault fault(UV_EINVAL);
+    const ScopedFault fault(Fault::kTcpConnect, 1, 1, UV_EINVAL);
     EXPECT_FALSE(client.Init(server.address()));
   }
   EXPECT_EQ(output.Count("uv_tcp_connect error\n"), lines);
@@ -447,7 +445,8 @@ TEST_P(ClientOverTcp, AHostThatIsNoAddressMeansThisMachine) {
 
 TEST_P(ClientOverTcp, ThePortIsTheNumberAtTheBeginningOfItsText) {
   RawServer server(GetParam());
-  for (const std::string& port : {"00" + server.address().name, server.address().name + "x", " " + server.address().name}) {
+  for (const std::string& port :
+       {"00" + server.address().name, server.address().name + "x", " " + server.address().name}) {
     TestClient client;
     StdoutCapture output;
     RawPeer peer;
@@ -571,7 +570,8 @@ TEST_P(ClientConnection, InitAfterALostConnectionConnectsAgainAndKeepsTheHandler
   Deletions deletions;
   Event called;
   TestClient client;
-  client.On("name", [&](int, MIVOParams*, MIVOParams*) { called.Signal(); }, &deletions);
+  client.On(
+      "name", [&](int, MIVOParams*, MIVOParams*) { called.Signal(); }, &deletions);
   RawPeer peer = client.InitAgainst(server);
   peer.Close();
   ASSERT_TRUE(Eventually([&] { return !client->isok(); }));

@@ -148,7 +148,8 @@ TEST(ClientLog, SeparatesTheStandardStreamsFromStdio) {
 TEST(ClientLog, ALineIsCutAtAThousandAndTwentyThreeCharacters) {
   const std::string banner = "MIVO Version: 1.1.0.12\n";
   const std::string begin = "cant connect: ";
-  for (const std::size_t length : {std::size_t{1000}, 1023 - begin.size() - 2, 1023 - begin.size() - 1, std::size_t{3000}}) {
+  for (const std::size_t length :
+       {std::size_t{1000}, 1023 - begin.size() - 2, 1023 - begin.size() - 1, std::size_t{3000}}) {
     const std::string name(length, 'n');
     TestClient client;
     StdoutCapture output;
@@ -192,7 +193,8 @@ TEST(ClientLog, LinesOfSeveralClientsStayWhole) {
   std::set<std::string> expected = {"MIVO Version: 1.1.0.12", "SendMsg end: IsOk Flase", "send msg: disconnect... .. .",
                                     "Closing!", "Closed!"};
   for (int i = 0; i < kClients; ++i)
-    expected.insert("cant connect: " + name.substr(0, name.size() - static_cast<std::size_t>(i)) + std::to_string(i) + " ");
+    expected.insert("cant connect: " + name.substr(0, name.size() - static_cast<std::size_t>(i)) + std::to_string(i) +
+                    " ");
   EXPECT_EQ(kinds, expected);
 }
 

@@ -218,8 +218,8 @@ TEST_P(ClientFrames, GivesOutTheFramesOfOneWriteInOrder) {
   PendingCall call([&] { return client_->SendMsgFast("foo", nullptr, 9, 0); });
   const auto semid = TextOf(peer_.ReadFrame().value_or(""), "s_c_sw_semid");
   // The first reply is taken, whatever comes after it.
-  ASSERT_TRUE(peer_.SendBytes(Frame(ServerReply(Wire().Int(1), 9, semid)) + Frame(ServerReply(Wire().Int(2), 9, semid)) +
-                              Frame(Note(3))));
+  ASSERT_TRUE(peer_.SendBytes(Frame(ServerReply(Wire().Int(1), 9, semid)) +
+                              Frame(ServerReply(Wire().Int(2), 9, semid)) + Frame(Note(3))));
   EXPECT_EQ(peer_.ReadFrame(), Noted(3));
   EXPECT_EQ(TakeInt(call.Wait()), 1);
 }

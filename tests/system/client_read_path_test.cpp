@@ -178,8 +178,8 @@ TEST_P(ClientReadPath, EveryCallThatWaitsReturnsWithoutAReplyAndFindsTheClientNo
   RawPeer peer = client.InitAgainst(server_);
   ASSERT_TRUE(peer.connected());
   const auto call_then_look = [&](bool serialised) {
-    MIVOParams* const set = serialised ? client->SendMsg("silence", nullptr, 0, 0)
-                                       : client->SendMsgFast("silence", nullptr, 0, 0);
+    MIVOParams* const set =
+        serialised ? client->SendMsg("silence", nullptr, 0, 0) : client->SendMsgFast("silence", nullptr, 0, 0);
     EXPECT_FALSE(client->isok());
     return set;
   };

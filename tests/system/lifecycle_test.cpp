@@ -145,9 +145,8 @@ TEST_P(Lifecycle, AHundredLivesOfClientAndServerLeaveNothingBehind) {
         for (int life = 0; life < 10; ++life) {
           TestServer server(addresses[static_cast<std::size_t>(i)]);
           SetLog(server.get(), "", 0);
-          server.On("echo", [](int, MIVOParams* request, MIVOParams* reply) {
-            reply->AddInt(request->GetValue(0)->GetInt());
-          });
+          server.On("echo",
+                    [](int, MIVOParams* request, MIVOParams* reply) { reply->AddInt(request->GetValue(0)->GetInt()); });
           EXPECT_TRUE(server.Init());
           TestClient client;
           SetLog(client.get(), "", 0);

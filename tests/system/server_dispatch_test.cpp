@@ -453,6 +453,7 @@ TEST_P(ServerDispatch, AReplyIsNotAnswered) {
   server_.On("retval", [](int, MIVOParams*, MIVOParams*) { FAIL() << "called"; });
   server_.OnEveryOther([](const char*, int, MIVOParams*, MIVOParams*) { FAIL() << "called"; });
   Serve();
+  ASSERT_TRUE(peer_.AnswersInOrder());
   StdoutCapture output;
   const std::vector<std::string> replies{
       ClientReply("", 1, "0x1"),

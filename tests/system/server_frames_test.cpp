@@ -349,6 +349,36 @@ TEST_P(ServerFrames, AnsweringAPeerThatIsGoneKillsNobody) {
   EXPECT_EQ(after.sa_handler, SIG_DFL) << "the disposition is the program's";
 }
 
+// The same with the loop on a thread of the program's, which it has back as it was.
+TEST_P(ServerFrames, RunKillsNobodyAndLeavesTheSignalMaskAlone) {
+  Event gone;
+  TestServer server(GetParam());
+  server.On("s_c_connect", [&](int, MIVOParams*, MIVOParams*) { gone.WaitFor(); });
+  ASSERT_TRUE(server.Start());
+  bool pending = true;
+  bool blocked_after = true;
+  std::thread runner([&] {
+    server->run();
+    sigset_t signals;
+    sigpending(&signals);
+    pending = sigismember(&signals, SIGPIPE) == 1;
+    pthread_sigmask(SIG_BLOCK, nullptr, &signals);
+    blocked_after = sigismember(&signals, SIGPIPE) == 1;
+  });
+  RawPeer peer = server.Connect();
+  std::string requests;
+  for (int i = 0; i < 500; ++i)
+    requests += Frame(Ping(i));
+  ASSERT_TRUE(peer.SendBytes(requests));
+  peer.Close();
+  gone.Signal();
+  EXPECT_TRUE(server.Connect().AnswersInOrder());
+  server->closeasync();
+  runner.join();
+  EXPECT_FALSE(pending);
+  EXPECT_FALSE(blocked_after);
+}
+
 TEST_P(ServerFrames, HandsOffOfOneThreadLeaveInOrder) {
   constexpr int kPosts = 300;
   TestServer server(GetParam());

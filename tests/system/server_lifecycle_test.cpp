@@ -37,6 +37,9 @@ using namespace mivo_test;
 
 namespace {
 
+// Time for the server to do what it must not do.
+constexpr std::chrono::milliseconds kMoment{50};
+
 constexpr char kClosingLines[] = "Server Closing!\nServer Closed!\n";
 
 int Log(IServer* server, std::string text, int level) {
@@ -194,8 +197,8 @@ TEST(ServerNames, InitListensOnTheSocketNamedByTheNumber) {
 TEST(ServerNames, InitFormatsTheNumberAnew) {
   const std::string name = UniqueSocketName();
   for (const std::string& text : {"00" + name, " +" + name, name + "x"}) {
-    TestServer server(Local(name));
     Journal published;
+    TestServer server(Local(name));
     server.On("s_c_createport",
               [&](int, MIVOParams* request, MIVOParams*) { published.Add(request->GetValue(0)->GetString()); });
     StdoutCapture output;
@@ -341,8 +344,8 @@ TEST(ServerNames, GoesOnWhenTheFileCannotBeOpenedToEverybody) {
 
 TEST(ServerNames, PortZeroIsChosenByTheSystemAndNotReadBack) {
   for (const char* text : {"0", "no number", "", static_cast<const char*>(nullptr)}) {
-    TestServer server(Transport::Tcp4);
     Journal published;
+    TestServer server(Transport::Tcp4);
     server.On("s_c_createport",
               [&](int, MIVOParams* request, MIVOParams*) { published.Add(request->GetValue(0)->GetString()); });
     ASSERT_TRUE(server->InitMIVOServerTcp4("127.0.0.1", text));
@@ -400,7 +403,8 @@ TEST_P(ServerPorts, ATextThatIsTooLargeHurtsNobody) {
   for (const char* text : {"99999999999", "-1", "65536", "9223372036854775808"}) {
     TestServer server(Address{GetParam(), GetParam() == Transport::Tcp4 ? "127.0.0.1" : "::1", text});
     StdoutCapture output;
-    EXPECT_EQ(server.Init(), server->isok());
+    const bool listens = server.Init();
+    EXPECT_EQ(listens, server->isok());
     EXPECT_TRUE(output.Contains("Tcp ")) << "it tried";
   }
 }
@@ -419,8 +423,8 @@ TEST_P(ServerLifecycle, InitServesWhenItReturns) {
 }
 
 TEST_P(ServerLifecycle, StartAndRunServeOnTheCallersThread) {
-  TestServer server(GetParam());
   Journal threads;
+  TestServer server(GetParam());
   server.On("s_c_connect", [&](int, MIVOParams*, MIVOParams*) {
     threads.Add(std::to_string(std::hash<std::thread::id>()(std::this_thread::get_id())));
   });
@@ -446,9 +450,9 @@ TEST_P(ServerLifecycle, StartAndRunServeOnTheCallersThread) {
 }
 
 TEST_P(ServerLifecycle, TheNameIsPublishedOnceWhenListeningHasBegun) {
-  TestServer server(GetParam());
   Journal published;
   std::atomic<bool> reachable{false};
+  TestServer server(GetParam());
   server.On("s_c_createport", [&](int client_id, MIVOParams* request, MIVOParams* reply) {
     EXPECT_EQ(client_id, 0);
     EXPECT_EQ(reply, nullptr);
@@ -475,9 +479,10 @@ TEST_P(ServerLifecycle, TheNameIsNotPublishedWhenListeningFails) {
     server->method("s_c_createport", &handler);
     ScopedFault fault(step, 1, 1, UV_EADDRINUSE);
     EXPECT_FALSE(server.Init());
-    EXPECT_FALSE(server.Start());
     EXPECT_EQ(fault.failures(), 1);
-    EXPECT_EQ(published.lines().size(), 1u) << "by the second attempt only";
+    EXPECT_EQ(published.lines(), Lines{});
+    EXPECT_TRUE(server.Init());
+    EXPECT_EQ(published.lines(), Lines{"published"});
   }
 }
 
@@ -579,6 +584,33 @@ TEST_P(ServerLifecycle, ServesAgainAfterAClose) {
   }
 }
 
+TEST_P(ServerLifecycle, StartsAgainWhetherItRanOrNot) {
+  TestServer server(GetParam());
+  for (int round = 0; round < 3; ++round) {
+    ASSERT_TRUE(server.Start()) << "closed without having run, " << round;
+    EXPECT_TRUE(server->close());
+    ASSERT_TRUE(server.Start()) << round;
+    std::thread runner([&] { EXPECT_TRUE(server->run()); });
+    EXPECT_TRUE(server.Connect().AnswersInOrder());
+    EXPECT_TRUE(server->close());
+    runner.join();
+  }
+}
+
+TEST_P(ServerLifecycle, RunBesideTheServersOwnThreadReturnsWhenTheServerIsClosed) {
+  TestServer server(GetParam());
+  ASSERT_TRUE(server.Init());
+  Event returned;
+  std::thread runner([&] {
+    EXPECT_TRUE(server->run());
+    returned.Signal();
+  });
+  EXPECT_TRUE(server.Connect().AnswersInOrder());
+  EXPECT_TRUE(server->close());
+  EXPECT_TRUE(returned.WaitFor());
+  runner.join();
+}
+
 TEST_P(ServerLifecycle, TwoServersOfAProcessAreIndependent) {
   TestServer first(GetParam());
   TestServer second(GetParam());
@@ -595,14 +627,27 @@ TEST_P(ServerLifecycle, TwoServersOfAProcessAreIndependent) {
   EXPECT_EQ(to_second.Exchange(Request({"who", 1})), ServerReply(Wire().Int(2), 1, std::nullopt));
 }
 
+TEST(ServerNames, ANewcomerTakesTheNameOverAndTheConnectionsStay) {
+  TestServer first(Transport::Local);
+  first.On("who", [](int, MIVOParams*, MIVOParams* reply) { reply->AddInt(1); });
+  ASSERT_TRUE(first.Init());
+  RawPeer to_first = first.Connect();
+  ASSERT_TRUE(to_first.AnswersInOrder());
+  TestServer second(first.address());
+  second.On("who", [](int, MIVOParams*, MIVOParams* reply) { reply->AddInt(2); });
+  ASSERT_TRUE(second.Init());
+  EXPECT_EQ(second.Connect().Exchange(Request({"who", 1})), ServerReply(Wire().Int(2), 1, std::nullopt));
+  EXPECT_EQ(to_first.Exchange(Request({"who", 1})), ServerReply(Wire().Int(1), 1, std::nullopt));
+}
+
 // --- Settings
 
 // The first look at the time-outs comes 500 ms after the first call, then one every step.
 TEST_P(ServerLifecycle, AStepBelowOneMillisecondMeansAHundred) {
   for (const int step : {0, -5}) {
-    TestServer server(GetParam());
     Event connected;
     std::atomic<int> id{0};
+    TestServer server(GetParam());
     server.On("s_c_connect", [&](int client_id, MIVOParams*, MIVOParams*) {
       id = client_id;
       connected.Signal();
@@ -622,9 +667,9 @@ TEST_P(ServerLifecycle, AStepBelowOneMillisecondMeansAHundred) {
 }
 
 TEST_P(ServerLifecycle, TimeOutsAreLookedAtEveryStep) {
-  TestServer server(GetParam());
   Event connected;
   std::atomic<int> id{0};
+  TestServer server(GetParam());
   server.On("s_c_connect", [&](int client_id, MIVOParams*, MIVOParams*) {
     id = client_id;
     connected.Signal();
@@ -642,9 +687,9 @@ TEST_P(ServerLifecycle, TimeOutsAreLookedAtEveryStep) {
 }
 
 TEST_P(ServerLifecycle, TheStepMayBeChangedWhileServing) {
-  TestServer server(GetParam());
   Event connected;
   std::atomic<int> id{0};
+  TestServer server(GetParam());
   server.On("s_c_connect", [&](int client_id, MIVOParams*, MIVOParams*) {
     id = client_id;
     connected.Signal();
@@ -684,9 +729,9 @@ TEST(ServerSettings, TheSliceSizeIsSharedByTheWholeProcess) {
 }
 
 TEST_P(ServerLifecycle, ClearingTheRepliesFreesThemAndNothingElse) {
-  TestServer server(GetParam());
   Event connected;
   std::atomic<int> id{0};
+  TestServer server(GetParam());
   server.On("s_c_connect", [&](int client_id, MIVOParams*, MIVOParams*) {
     id = client_id;
     connected.Signal();
@@ -729,8 +774,8 @@ TEST_P(ServerLifecycle, CloseWithoutALoopRunningHappensAtOnce) {
 }
 
 TEST_P(ServerLifecycle, CloseOnAnotherThreadReturnsWhenTheServerIsClosed) {
-  TestServer server(GetParam());
   Deletions deletions;
+  TestServer server(GetParam());
   server.On("name", nullptr, &deletions);
   ASSERT_TRUE(server.Init());
   RawPeer peer = server.Connect();
@@ -746,14 +791,14 @@ TEST_P(ServerLifecycle, CloseOnAnotherThreadReturnsWhenTheServerIsClosed) {
 }
 
 TEST_P(ServerLifecycle, CloseOnTheLoopThreadIsTheServersEnd) {
-  TestServer server(GetParam());
   std::atomic<bool> result{false};
+  TestServer server(GetParam());
   server.On("s_c_connect", [&](int, MIVOParams*, MIVOParams*) { result = server->close(); });
   ASSERT_TRUE(server.Init());
   RawPeer peer = server.Connect();
   EXPECT_TRUE(peer.ReadEof());
-  EXPECT_TRUE(Eventually([&] { return !server->isok(); }));
-  EXPECT_TRUE(result);
+  EXPECT_TRUE(Eventually([&] { return result.load(); }));
+  EXPECT_FALSE(server->isok());
   EXPECT_TRUE(server->close());
 }
 
@@ -772,9 +817,9 @@ TEST_P(ServerLifecycle, CloseAsyncTakesTenMillisecondsAndTheServerEnds) {
 }
 
 TEST_P(ServerLifecycle, CloseAsyncDoesNotWaitForABusyLoop) {
-  TestServer server(GetParam());
   Event entered;
   Event leave;
+  TestServer server(GetParam());
   server.On("s_c_connect", [&](int, MIVOParams*, MIVOParams*) {
     entered.Signal();
     leave.WaitFor();
@@ -829,8 +874,8 @@ TEST_P(ServerLifecycle, ServesAgainUnderTheSameNameAfterDestruction) {
 // --- Who deletes the handlers
 
 TEST_P(ServerLifecycle, CloseDeletesEveryHandlerOnce) {
-  TestServer server(GetParam());
   Deletions deletions;
+  TestServer server(GetParam());
   for (const char* name : {"a", "b", "s_c_connect", "s_c_closed", "s_c_createport"})
     server.On(name, nullptr, &deletions);
   server.OnEveryOther(nullptr, &deletions);
@@ -842,8 +887,8 @@ TEST_P(ServerLifecycle, CloseDeletesEveryHandlerOnce) {
 }
 
 TEST_P(ServerLifecycle, CloseWithoutALoopRunningHasDeletedTheHandlersWhenItReturns) {
-  TestServer server(GetParam());
   Deletions deletions;
+  TestServer server(GetParam());
   server.On("name", nullptr, &deletions);
   server.OnEveryOther(nullptr, &deletions);
   ASSERT_TRUE(server.Start());
@@ -853,8 +898,8 @@ TEST_P(ServerLifecycle, CloseWithoutALoopRunningHasDeletedTheHandlersWhenItRetur
 
 TEST_P(ServerLifecycle, DestroyDeletesTheHandlersOfARunningServer) {
   for (const bool own_thread : {true, false}) {
-    TestServer server(GetParam());
     Deletions deletions;
+    TestServer server(GetParam());
     server.On("name", nullptr, &deletions);
     server.OnEveryOther(nullptr, &deletions);
     ASSERT_TRUE(own_thread ? server.Init() : server.Start());
@@ -864,8 +909,8 @@ TEST_P(ServerLifecycle, DestroyDeletesTheHandlersOfARunningServer) {
 }
 
 TEST_P(ServerLifecycle, AHandlerUnderTwoNamesIsDeletedOnce) {
-  TestServer server(GetParam());
   Deletions deletions;
+  TestServer server(GetParam());
   auto* const handler = new LambdaMethod(nullptr, &deletions);
   server->method("one", handler);
   server->method("two", handler);
@@ -914,9 +959,9 @@ TEST_P(ServerLifecycle, TheSinkIsNeverDeleted) {
 
 // As a method it is the server's; the last line of the close must not reach it any more.
 TEST_P(ServerLifecycle, ASinkThatIsAlsoAMethodIsDeletedOnceAndNotCalledAgain) {
-  TestServer server(GetParam());
   Deletions deletions;
   Journal journal;
+  TestServer server(GetParam());
   auto* const both = new LambdaMethod(
       [&](int, MIVOParams* request, MIVOParams*) {
         EXPECT_EQ(deletions.count, 0);
@@ -952,8 +997,8 @@ TEST_P(ServerLifecycle, AReplacedHandlerIsTheApplicationsAgain) {
 
 // The built-in receivers have no owner but the server, also where an application puts its own in their place.
 TEST_P(ServerLifecycle, ReplacingABuiltInReceiverLosesNoMemory) {
-  TestServer server(GetParam());
   Deletions deletions;
+  TestServer server(GetParam());
   server.On(
       "s_c_req_body", [](int, MIVOParams*, MIVOParams* reply) { reply->AddInt(6); }, &deletions);
   ASSERT_TRUE(server.Init());
@@ -964,11 +1009,12 @@ TEST_P(ServerLifecycle, ReplacingABuiltInReceiverLosesNoMemory) {
 
 TEST_P(ServerLifecycle, AHandlerLivesUntilItHasReturned) {
   for (const bool destroy : {false, true}) {
-    TestServer server(GetParam());
     Event entered;
     Event leave;
+    Event closed;
     Deletions deletions;
     std::atomic<int> deleted_while_running{-1};
+    TestServer server(GetParam());
     server.On(
         "slow",
         [&](int, MIVOParams*, MIVOParams*) {
@@ -981,8 +1027,12 @@ TEST_P(ServerLifecycle, AHandlerLivesUntilItHasReturned) {
     RawPeer peer = server.Connect();
     ASSERT_TRUE(peer.SendFrame(Request({"slow", 1})));
     ASSERT_TRUE(entered.WaitFor());
-    std::thread closer([&] { destroy ? server.Destroy() : static_cast<void>(server->close()); });
+    std::thread closer([&] {
+      destroy ? server.Destroy() : static_cast<void>(server->close());
+      closed.Signal();
+    });
     EXPECT_TRUE(peer.ReadEof()) << "connections end without waiting for handlers";
+    EXPECT_FALSE(closed.WaitFor(1, kMoment)) << "returned while a handler runs";
     leave.Signal();
     closer.join();
     EXPECT_EQ(deleted_while_running, 0);
@@ -991,9 +1041,9 @@ TEST_P(ServerLifecycle, AHandlerLivesUntilItHasReturned) {
 }
 
 TEST_P(ServerLifecycle, QueuedRequestsOfAClosedServerDoNoHarm) {
-  TestServer server(GetParam());
   Event entered;
   Event leave;
+  TestServer server(GetParam());
   server.On("slow", [&](int, MIVOParams*, MIVOParams* reply) {
     entered.Signal();
     leave.WaitFor();
@@ -1031,8 +1081,8 @@ TEST_P(ServerLifecycle, DestructionEndsTheConnections) {
 }
 
 TEST_P(ServerLifecycle, DestructionWakesAHandlerThatWaitsForAClient) {
-  TestServer server(GetParam());
   std::atomic<bool> gave_null{false};
+  TestServer server(GetParam());
   server.On("ask back", [&](int client_id, MIVOParams*, MIVOParams*) {
     gave_null = server->SendMsg(client_id, "unanswered", nullptr, 0, INT_MAX) == nullptr;
   });
@@ -1111,26 +1161,59 @@ TEST_P(ServerLifecycle, AHundredLivesLeaveNothingBehind) {
 }
 
 TEST_P(ServerLifecycle, AHandlerMayCloseItsServer) {
-  TestServer server(GetParam());
-  Deletions deletions;
-  std::atomic<bool> result{false};
+  for (const bool wait : {true, false}) {
+    Deletions deletions;
+    std::atomic<bool> result{false};
+    Event returned;
+    TestServer server(GetParam());
+    server.On(
+        "close",
+        [&](int, MIVOParams*, MIVOParams*) {
+          result = wait ? server->close() : server->closeasync();
+          returned.Signal();
+        },
+        &deletions);
+    ASSERT_TRUE(server.Init());
+    RawPeer peer = server.Connect();
+    ASSERT_TRUE(peer.SendFrame(Request({"close", 1})));
+    ASSERT_TRUE(returned.WaitFor());
+    EXPECT_TRUE(result);
+    EXPECT_TRUE(Eventually([&] { return !server->isok(); }));
+    EXPECT_TRUE(server->close());
+    server.Destroy();
+    EXPECT_EQ(deletions.count, 1);
+  }
+}
+
+// It cannot serve there, nor wait for the end: the end waits for the handler.
+TEST_P(ServerLifecycle, RunInAHandlerReturns) {
   Event returned;
-  server.On(
-      "close",
-      [&](int, MIVOParams*, MIVOParams*) {
-        result = server->close();
-        returned.Signal();
-      },
-      &deletions);
+  TestServer server(GetParam());
+  server.On("run", [&](int, MIVOParams*, MIVOParams*) {
+    EXPECT_TRUE(server->run());
+    returned.Signal();
+  });
   ASSERT_TRUE(server.Init());
   RawPeer peer = server.Connect();
-  ASSERT_TRUE(peer.SendFrame(Request({"close", 1})));
+  ASSERT_TRUE(peer.SendFrame(Request({"run", 1})));
+  EXPECT_TRUE(peer.WaitUntilTaken());
+  EXPECT_TRUE(server->closeasync());
   ASSERT_TRUE(returned.WaitFor());
-  EXPECT_TRUE(result);
-  EXPECT_TRUE(Eventually([&] { return !server->isok(); }));
-  EXPECT_TRUE(server->close());
-  server.Destroy();
-  EXPECT_EQ(deletions.count, 1);
+}
+
+TEST_P(ServerLifecycle, AHandlerCannotStartItsServer) {
+  Journal journal;
+  TestServer server(GetParam());
+  server.On("start", [&](int, MIVOParams*, MIVOParams*) {
+    server->closeasync();
+    Eventually([&] { return !server->isok(); });
+    journal.Add(server.Init() || server.Start() ? "started" : "refused");
+  });
+  ASSERT_TRUE(server.Init());
+  RawPeer peer = server.Connect();
+  ASSERT_TRUE(peer.SendFrame(Request({"start", 1})));
+  EXPECT_TRUE(journal.WaitForSize(1));
+  EXPECT_EQ(journal.lines(), Lines{"refused"});
 }
 
 TEST_P(ServerLifecycle, AHandlerMayDestroyItsServer) {
@@ -1188,7 +1271,9 @@ TEST_P(ServerLifecycle, TheProgramMayEndWithAServerRunning) {
   testing::GTEST_FLAG(death_test_style) = "threadsafe";
   EXPECT_EXIT(
       {
-        auto* const server = new TestServer(GetParam());
+        // Never destroyed, and no leak: it stays reachable.
+        static TestServer* server = nullptr;
+        server = new TestServer(GetParam());
         server->On("name", [](int, MIVOParams*, MIVOParams*) {});
         if (!server->Init()) std::exit(1);
         RawPeer peer = server->Connect();

@@ -6,17 +6,20 @@
 
 #include <dlfcn.h>
 #include <elf.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <link.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <optional>
 #include <system_error>
+#include <thread>
 #include <type_traits>
 
 namespace {
@@ -81,8 +84,21 @@ struct BlindWriter {
   }
 };
 
+std::atomic<bool> exiting{false};
+
+// Ends the process with a status of its own when the loop is turned on the way out.
+void WatchForTurnsAtExit(uv_loop_t* loop) {
+  std::atexit([] { exiting = true; });  // runs before the destructors of what is there already
+  static uv_prepare_t each_turn;
+  uv_prepare_init(loop, &each_turn);
+  uv_prepare_start(&each_turn, [](uv_prepare_t*) {
+    if (exiting) _exit(9);
+  });
+}
+
 int PlayBlindWriter(CTcpServer& server, bool own_run) {
   BlindWriter::server = &server;
+  WatchForTurnsAtExit(server.loop);
   if (!server.Init() || !server.BindTcp4("127.0.0.1", 0) || !server.Listen(16)) return 2;
   server.SetConnectCallback(BlindWriter::OnConnect);
   BlindWriter::WatchInput(server.loop);
@@ -147,12 +163,18 @@ TEST(TcpServerProcess, EndsOfAFailedWriteInALoopThatTheApplicationTurns) {
 }
 
 // Closing a client whose message is not through yet cuts the message off, and that is a failed write.
-const Role kCutsAMessageOff("cuts a message off", [](const std::string&) {
+const Role kCutsAMessageOff("cuts a message off", [](const std::string& how) {
   static CTcpServer server(uv_default_loop());
+  static bool all;
+  all = how == "all";
   server.SetConnectCallback([](int id) {
     const std::string text(24 * 1024 * 1024, 'x');
     server.Write(id, text.data(), static_cast<int>(text.size()));
-    server.CloseClient(id);
+    if (all) {
+      server.CloseAll();
+    } else {
+      server.CloseClient(id);
+    }
   });
   if (!server.Init() || !server.BindTcp4("127.0.0.1", 0) || !server.Listen(16)) return 2;
   PrintLine(std::to_string(PortOf(server)));
@@ -161,9 +183,11 @@ const Role kCutsAMessageOff("cuts a message off", [](const std::string&) {
 });
 
 TEST(TcpServerProcess, EndsWhenAMessageIsCutOffByClosingItsClient) {
-  ChildProgram writer = StartRole("cuts a message off");
-  const RawPeer peer = Connect(ReadLine(writer));
-  EXPECT_EQ(writer.Wait(), kFailedWrite);
+  for (const char* const how : {"one", "all"}) {
+    ChildProgram writer = StartRole("cuts a message off", how);
+    const RawPeer peer = Connect(ReadLine(writer));
+    EXPECT_EQ(writer.Wait(), kFailedWrite);
+  }
 }
 
 // At exit it is not: the process already ends.
@@ -186,11 +210,26 @@ TEST(TcpServerProcess, ExitsAsItWishesWithAMessageUnderWay) {
   EXPECT_EQ(writer.Wait(), 0);
 }
 
-// An application may leave from wherever it is.
+// An application may leave from wherever it is. The loop is then left as it is, down to the listening socket.
+int listening_descriptor = -1;
+
+void ExpectToBeLeftListening() {
+  std::atexit([] {  // runs after the destructors of what is not there yet
+    if (fcntl(listening_descriptor, F_GETFD) < 0) _exit(9);
+  });
+}
+
+bool ListenForExit(CTcpServer& server) {
+  WatchForTurnsAtExit(server.loop);
+  return server.Init() && server.BindTcp4("127.0.0.1", 0) && server.Listen(16) &&
+         uv_fileno(reinterpret_cast<uv_handle_t*>(&server.listener), &listening_descriptor) == 0;
+}
+
 const Role kExitsInACallback("exits in a callback", [](const std::string&) {
+  ExpectToBeLeftListening();
   static CTcpServer server(uv_default_loop());
   server.SetConnectCallback([](int) { std::exit(7); });
-  if (!server.Init() || !server.BindTcp4("127.0.0.1", 0) || !server.Listen(16)) return 2;
+  if (!ListenForExit(server)) return 2;
   PrintLine(std::to_string(PortOf(server)));
   server.Run(UV_RUN_DEFAULT);
   return 4;
@@ -200,6 +239,24 @@ TEST(TcpServerProcess, MayExitInACallback) {
   ChildProgram leaver = StartRole("exits in a callback");
   const RawPeer peer = Connect(ReadLine(leaver));
   EXPECT_EQ(leaver.Wait(), 7);
+}
+
+const Role kExitsBesideTheLoop("exits beside the loop", [](const std::string&) {
+  ExpectToBeLeftListening();
+  static CTcpServer server(uv_default_loop());
+  static std::atomic<bool> turned{false};
+  uv_idle_t idle;
+  uv_idle_init(server.loop, &idle);
+  uv_idle_start(&idle, [](uv_idle_t* handle) {
+    uv_close(reinterpret_cast<uv_handle_t*>(handle), [](uv_handle_t*) { turned = true; });
+  });
+  if (!ListenForExit(server)) return 2;
+  std::thread([] { server.Run(UV_RUN_DEFAULT); }).detach();
+  return Eventually([] { return turned.load(); }) ? 7 : 3;
+});
+
+TEST(TcpServerProcess, MayExitWhileAnotherThreadWaitsForClients) {
+  EXPECT_EQ(StartRole("exits beside the loop").Wait(), 7);
 }
 
 // ---- Signals

@@ -307,6 +307,7 @@ TEST_F(TcpServer, MayCloseAClientInTheConnectCallback) {
   auto [peer, id] = Connect();
   EXPECT_TRUE(SeesTheEnd(peer));
   EXPECT_TRUE(server_.clients.empty());
+  EXPECT_TRUE(server_.lastError.empty());
   on_connect_ = nullptr;
   auto [next, next_id] = Connect();
   server_.Write(next_id, "welcome", 7);

@@ -81,8 +81,8 @@ struct Pair {
     // A port that was free may be taken when the server wants it.
     for (int tries = 0; tries < 20; ++tries) {
       static int counter = 0;
-      const std::string name = transport == kLocal ? std::to_string(getpid() % 200000 * 10000 + 9000 + counter++)
-                                                   : FreePort(transport);
+      const std::string name =
+          transport == kLocal ? std::to_string(getpid() % 200000 * 10000 + 9000 + counter++) : FreePort(transport);
       server = CreateServer();
       server->log(no_text, 0);
       server->method("six", new Six);
@@ -139,7 +139,8 @@ std::string Describe() {
     all << (sigismember(&mask, number) == 1 ? 'x' : '-');
   const mode_t creation_mask = umask(0);
   umask(creation_mask);
-  all << "\numask " << creation_mask << "\nlocale " << setlocale(LC_ALL, nullptr) << ' ' << std::locale().name() << '\n';
+  all << "\numask " << creation_mask << "\nlocale " << setlocale(LC_ALL, nullptr) << ' ' << std::locale().name()
+      << '\n';
   char folder[4096];
   all << "folder " << (getcwd(folder, sizeof folder) != nullptr ? folder : "?") << '\n';
   for (char** variable = environ; *variable != nullptr; ++variable)
