@@ -335,26 +335,36 @@ TEST_P(ClientConnection, EveryFailedStepOfAStartLeavesTheClientFitForTheNext) {
   const RawServer listening(GetParam());
   RawServer server(GetParam());
   const Resources before = CountResourcesWhenWarm();
+  TestClient client;
+  SetLog(client.get(), "", 0);
+  // libuv makes a wake-up for itself before the client makes its two; what libuv leaves when that fails is its own.
+  int wake_ups = 0;
+  {
+    const ScopedFault none(Fault::kAsyncInit, 1000, 1, UV_ENOMEM);
+    ASSERT_TRUE(client.InitAgainst(server).connected());
+    wake_ups = none.calls();
+    client->close();
+  }
+  ASSERT_GE(wake_ups, 2);
   const struct {
     const char* what;
     Fault fault;
-    int steps;
+    int call;
   } failures[] = {
-      {"loop", Fault::kLoopInit, 1},      {"stream", IsLocal() ? Fault::kPipeInit : Fault::kTcpInit, 1},
-      {"wake-ups", Fault::kAsyncInit, 2}, {"reading", Fault::kReadStart, 1},
+      {"loop", Fault::kLoopInit, 1},
+      {"stream", IsLocal() ? Fault::kPipeInit : Fault::kTcpInit, 1},
+      {"first wake-up", Fault::kAsyncInit, wake_ups - 1},
+      {"second wake-up", Fault::kAsyncInit, wake_ups},
+      {"reading", Fault::kReadStart, 1},
       {"timer", Fault::kTimerStart, 1},
   };
-  TestClient client;
-  SetLog(client.get(), "", 0);
   StdoutCapture output;
   for (const auto& failure : failures) {
-    for (int step = 1; step <= failure.steps; ++step) {
-      SCOPED_TRACE(std::string(failure.what) + " " + std::to_string(step));
-      const ScopedFault fault(failure.fault, step, 1, UV_ENOMEM);
-      EXPECT_FALSE(client.Init(listening.address()));
-      EXPECT_EQ(fault.failures(), 1);
-      EXPECT_FALSE(client->isok());
-    }
+    SCOPED_TRACE(failure.what);
+    const ScopedFault fault(failure.fault, failure.call, 1, UV_ENOMEM);
+    EXPECT_FALSE(client.Init(listening.address()));
+    EXPECT_EQ(fault.failures(), 1);
+    EXPECT_FALSE(client->isok());
   }
   {
     const ScopedFault fault(Fault::kThreadCreate, 1, 1, UV_EAGAIN);
