@@ -17,7 +17,8 @@ class MIVOParams;
 //   ClearRetvalMem, or destruction. Do not delete it.
 // Notices: handlers registered as "s_c_connect", "s_c_closed" (a client came, went; its id is passed) and
 //   "s_c_createport" (listening began; one string: the socket name or port text) run on the loop thread. A handler
-//   registered as "s_c_log" gets every diagnostic line, as one string, in place of standard output.
+//   registered as "s_c_log" gets every diagnostic line, as one string, in place of standard output, on whichever thread
+//   has something to say; it stays the application's, and must live until the server is destroyed.
 //
 // The operations stand in this order, the destructor last: the order of the virtual table is part of the interface.
 class MIVO_EXPORT IServer {

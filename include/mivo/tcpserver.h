@@ -37,24 +37,22 @@ class MIVO_EXPORT clientdata {
 //   and IntToString may be called; to reach a running server, send a uv_async_t on its loop and act in its callback.
 //   The loop need not be this server's alone.
 // Blocking: StartTcp4, StartTcp6 and Run block while the loop has anything to do: until CloseAll, if nothing else is on
-//   it. CloseAll, Start* and the destructor, called while the loop stands, turn it until what they closed is closed;
-//   that turn also serves whatever else is ready on the loop.
+//   it. When an earlier CloseAll has not been finished by a turn of the loop, Init, Start* and the destructor turn it
+//   first, as the destructor does after its own; such a turn also serves whatever else is ready on the loop.
 // Signals: SIGPIPE is blocked in the calling thread while Start*, Run and Write last, and left as it was afterwards.
 //   Threads and programs started in a callback inherit it blocked. An application that turns the loop by itself, with
 //   uv_run, has to keep SIGPIPE from itself.
-// Errors: a step that fails returns false and prints nothing. One failure is not survived, on purpose: a write that
-// does
+// Errors: a step that fails returns false and prints nothing. One failure is not survived, on purpose: a write that did
 //   not reach its client ends the process by exit(-1), status 255. Closing a client whose last Write is not through yet
-//   counts as such a failure, unless the loop stands.
+//   counts as such a failure, unless the rest is taken down by Init, Start* or the destructor.
 // Ownership: the loop stays the application's, and has to outlive the server; a loop that was never initialised for the
 //   server is not touched. Bytes given to a callback are valid until it returns.
 // Lifetime: not to be destroyed in a callback of its own loop, nor while another thread turns it. When the process
-// exits
-//   inside a callback, a server with static storage leaves its loop alone.
+//   exits inside a callback, a server with static storage leaves its loop alone.
 class MIVO_EXPORT CTcpServer {
  public:
   // Null is allowed; nothing can be started then.
-  explicit CTcpServer(uv_loop_t* loop);
+  explicit CTcpServer(uv_loop_t* servingLoop);
   CTcpServer(const CTcpServer&) = delete;
   CTcpServer& operator=(const CTcpServer&) = delete;
   virtual ~CTcpServer();
@@ -67,8 +65,8 @@ class MIVO_EXPORT CTcpServer {
   bool StartTcp6(const char* ip, int port);
 
   // The steps of the above, one by one: Init, Bind*, Listen, Run. Only Init may come first; the others are false before
-  // it. Init is true when it was done before, and false without a loop or while an earlier listening socket is still
-  // being closed, which needs a turn of the loop.
+  // it. Init is true when it was done before. It is false without a loop, and in a callback after CloseAll: the socket
+  // that was closed needs the rest of the loop's turn.
   bool BindTcp4(const char* ip, int port);
   bool BindTcp6(const char* ip, int port);
   bool Init();
@@ -98,7 +96,8 @@ class MIVO_EXPORT CTcpServer {
   // already. False, with lastError "can't find client <id>", for an unknown id.
   bool CloseClient(int clientId);
 
-  // Ends every connection and stops listening; safe in every callback. Init may follow once the loop has turned.
+  // Ends every connection and stops listening, at once; memory is freed in the loop's next turn. Safe in every
+  // callback.
   void CloseAll();
 
   // Counts on and returns the number. One counter for the whole process: ids are never used twice, by any server.

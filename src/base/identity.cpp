@@ -6,7 +6,7 @@ namespace mivo {
 
 namespace {
 
-// Steps like those of allocated blocks. The ids come round after 2^28 connections.
+// Steps like those of allocated blocks.
 constexpr std::uint32_t kIdStep = 16;
 constexpr std::uintptr_t kTokenStep = 16;
 constexpr std::uintptr_t kFirstToken = 0x5500'0000'0010;

@@ -1,4 +1,4 @@
-// Numbers that name a connection or a waiting call and are never given twice in the life of the process.
+// Numbers that name a connection or a waiting call, and that nobody gets a second time.
 //
 // On the wire and in the interface such a number looks like an address. An address itself would not do: the allocator
 // hands freed memory out again at once, and then a late reply wakes a stranger, or a call meant for a client that has
@@ -10,7 +10,8 @@
 
 namespace mivo {
 
-// A connection's id: the same number in handlers, notices, diagnostic lines and calls. Never 0. Any thread.
+// A connection's id: the same number in handlers, notices, diagnostic lines and calls. Never 0. Having 32 bits, ids come
+// round, after 2^28 connections. Any thread.
 int NextConnectionId();
 
 // A waiting call's token. Never 0. Any thread.

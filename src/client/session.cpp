@@ -48,7 +48,7 @@ std::optional<std::string> Session::Call(std::string_view name, const MIVOParams
     connection_->Send(std::move(request));
     return std::nullopt;
   }
-  return AwaitReply(waiters_, waiter, [&] { return outgoing_.Push({std::move(request), nullptr}); });
+  return AwaitReply(waiters_, waiter, [&] { return outgoing_.Push({std::move(request), key, nullptr}); });
 }
 
 void Session::Post(std::string_view name, const MIVOParams* params, int key) {
@@ -60,7 +60,7 @@ void Session::Post(std::string_view name, const MIVOParams* params, int key) {
     return;
   }
   OneShot written;
-  if (outgoing_.Push({std::move(request), &written})) written.Wait();
+  if (outgoing_.Push({std::move(request), key, &written})) written.Wait();
 }
 
 std::optional<std::string> Session::CallLarge(int key, int timeout_ms, const std::function<void()>& send) {
@@ -187,9 +187,12 @@ void Session::ShutQueueAndWakeCalls() {
 void Session::SendQueued(std::vector<Outgoing> queued) {
   for (Outgoing& outgoing : queued)
     connection_->Send(std::move(outgoing.frame));
-  connection_->Flush();
+  const bool is_sent = connection_->Flush();
   for (const Outgoing& outgoing : queued) {
-    if (outgoing.written != nullptr) outgoing.written->Set();
+    if (outgoing.written == nullptr) continue;
+    // A dropped post will not be answered.
+    if (!is_sent) posts_.TakeAnswer(outgoing.key);
+    outgoing.written->Set();
   }
 }
 

@@ -93,6 +93,7 @@ class Session : private Connection::Owner {
  private:
   struct Outgoing {
     Frame frame;
+    int key;
     OneShot* written;  // null for calls, which wait for their replies
   };
 

@@ -4,6 +4,7 @@
 
 #include <uv.h>
 
+#include <cassert>
 #include <memory>
 #include <utility>
 
@@ -24,6 +25,7 @@ class Handle {
   // Runs `init` (a uv_*_init call) on a fresh block; keeps it only if that succeeded. Returns libuv's result.
   template <class Init>
   int Open(void* owner, Init init) {
+    assert(block_ == nullptr);
     auto block = std::make_unique<T>();
     const int status = init(block.get());
     if (status < 0) return status;

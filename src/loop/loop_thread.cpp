@@ -1,5 +1,6 @@
 #include "loop/loop_thread.h"
 
+#include <cassert>
 #include <system_error>
 #include <utility>
 
@@ -9,6 +10,7 @@ namespace mivo {
 
 bool LoopThread::Start(std::function<void()> body) {
   MutexLock lock(mutex_);
+  assert(!thread_.joinable());
   try {
     thread_ = std::thread([run = std::move(body)] {
       const SigpipeGuard guard;

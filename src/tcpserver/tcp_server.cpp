@@ -6,10 +6,9 @@
 // - libuv uses a handle until its close callback has run. Clients have their handle in memory of its own, so a client
 //   that is closed is forgotten at once and deleted by that callback, whatever has become of the server. For the
 //   listening handle `listener.data` keeps book: it is null exactly when libuv does not know the handle.
-// - CloseAll therefore turns a loop that stands until the listening handle is closed (what was closed before it is
-// closed
-//   in the same turn or an earlier one). In a loop that turns it must not: uv_run cannot be entered twice. There the
-//   loop does the rest, and Init refuses until it has.
+// - CloseAll only begins, and leaves the rest to the loop's next turn. Whoever cannot wait for that, Init and the
+//   destructor, turns the loop itself until the listening handle is closed; what was closed before it is closed by then
+//   as well. Inside a turn nobody may: uv_run cannot be entered twice. There Init refuses.
 // - A failed write leaves through exit(), inside uv_run. A server with static storage is then destroyed inside its own
 //   loop's turn and has to leave it alone.
 #include <mivo/tcpserver.h>
@@ -28,7 +27,7 @@
 namespace mivo {
 namespace {
 
-constexpr std::size_t kBufferBytes = 1024 * 1024;
+constexpr unsigned int kBufferBytes = 1024 * 1024;
 constexpr int kBacklog = 128;
 
 std::atomic<int> last_client_id{0};
@@ -46,7 +45,8 @@ struct WriteRequest {
 };
 
 uv_buf_t AllocateBuffer() {
-  return uv_buf_init(static_cast<char*>(std::malloc(kBufferBytes)), kBufferBytes);
+  auto* const block = static_cast<char*>(std::malloc(kBufferBytes));
+  return uv_buf_init(block, kBufferBytes);  // NOLINT(clang-analyzer-unix.Malloc): clientdata frees it
 }
 
 // Null when memory is short.
@@ -88,7 +88,7 @@ void CloseHandleOf(clientdata* client) {
 // What exit() destroys on its way must not turn this loop again.
 [[noreturn]] void EndProcess(const uv_loop_t* loop) {
   const LoopTurn turn(loop);
-  std::exit(-1);
+  std::exit(-1);  // NOLINT(concurrency-mt-unsafe): a rude end is what is promised
 }
 
 void OnWritten(uv_write_t* request, int status) {
@@ -159,6 +159,15 @@ void OnConnection(uv_stream_t* listener, int) {
   if (uv_read_start(StreamOf(client->handle), OnAllocate, OnRead) != 0) server->CloseClient(id);
 }
 
+// Turns a loop that stands until libuv has let go of the server.
+void Drain(CTcpServer* server) {
+  if (server->listener.data == nullptr) return;
+  const LoopTurn turn(server->loop, LoopTurn::Purpose::kDrain);
+  const SigpipeGuard guard;
+  while (server->listener.data != nullptr)
+    uv_run(server->loop, UV_RUN_NOWAIT);
+}
+
 }  // namespace
 }  // namespace mivo
 
@@ -168,7 +177,7 @@ clientdata::~clientdata() {
   std::free(handle);
 }
 
-CTcpServer::CTcpServer(uv_loop_t* serving_loop) : loop(serving_loop) {
+CTcpServer::CTcpServer(uv_loop_t* servingLoop) : loop(servingLoop) {
   uv_mutex_init(&mutex);
 }
 
@@ -176,6 +185,7 @@ CTcpServer::~CTcpServer() {
   // Inside a turn of its own loop a server is only destroyed by exit(): the loop will not be turned again.
   if (listener.data != nullptr && mivo::LoopTurn::IsRunning(loop)) return;
   CloseAll();
+  mivo::Drain(this);
   uv_mutex_destroy(&mutex);
 }
 
@@ -193,7 +203,11 @@ bool CTcpServer::StartTcp6(const char* ip, int port) {
 
 bool CTcpServer::Init() {
   if (initialised) return true;
-  if (loop == nullptr || listener.data != nullptr) return false;
+  if (loop == nullptr) return false;
+  if (listener.data != nullptr) {
+    if (mivo::LoopTurn::IsRunning(loop)) return false;
+    mivo::Drain(this);
+  }
   if (uv_tcp_init(loop, &listener) != 0) return false;
   listener.data = this;
   initialised = true;
@@ -254,7 +268,7 @@ void CTcpServer::Write(int clientId, const char* bytes, int count) {
     if (grown == nullptr) mivo::EndProcess(loop);
     std::memcpy(grown.get(), bytes, size);
     write->retired.reset(client->writeBuf.base);
-    client->writeBuf = uv_buf_init(grown.release(), size);
+    client->writeBuf = uv_buf_init(grown.release(), size);  // NOLINT(clang-analyzer-unix.Malloc): freed by clientdata
   } else {
     // The bytes may be a part of the buffer itself.
     std::memmove(client->writeBuf.base, bytes, size);
@@ -265,7 +279,7 @@ void CTcpServer::Write(int clientId, const char* bytes, int count) {
   if (uv_write(&write->request, mivo::StreamOf(client->handle), &message, 1, mivo::OnWritten) != 0) {
     mivo::EndProcess(loop);
   }
-  write.release();  // OnWritten deletes it
+  static_cast<void>(write.release());  // OnWritten deletes it
 }
 
 bool CTcpServer::CloseClient(int clientId) {
@@ -290,12 +304,6 @@ void CTcpServer::CloseAll() {
     uv_close(mivo::AsHandle(&listener), mivo::OnListenerClosed);
     initialised = false;
   }
-
-  if (listener.data == nullptr || mivo::LoopTurn::IsRunning(loop)) return;
-  const mivo::LoopTurn turn(loop, mivo::LoopTurn::Purpose::kDrain);
-  const mivo::SigpipeGuard guard;
-  while (listener.data != nullptr)
-    uv_run(loop, UV_RUN_NOWAIT);
 }
 
 int CTcpServer::NextClientId() {

@@ -65,14 +65,15 @@ void Connection::Send(Frame frame) {
   outbox_.push_back(std::move(frame));
 }
 
-void Connection::Flush() {
-  if (outbox_.empty()) return;
+bool Connection::Flush() {
+  if (outbox_.empty()) return true;
   std::vector<Frame> frames;
   frames.swap(outbox_);
   const std::size_t count = frames.size();
-  if (FramedWrite(stream(), std::move(frames)) >= 0) return;
+  if (FramedWrite(stream(), std::move(frames)) >= 0) return true;
   for (std::size_t i = 0; i < count; ++i)
     owner_.OnFrameDropped(*this);
+  return false;
 }
 
 void Connection::Close() {

@@ -21,7 +21,7 @@ namespace mivo {
 // Loop thread, except `id`, which any thread may read.
 class Connection : public std::enable_shared_from_this<Connection> {
  public:
-  // Told of what happens; lives longer than the connection is open.
+  // Told of what happens; outlives whatever may still be read or sent.
   class Owner {
    public:
     virtual ~Owner() = default;
@@ -53,8 +53,8 @@ class Connection : public std::enable_shared_from_this<Connection> {
   // Writes at the end of the turn, together with what else comes until then.
   void Send(Frame frame);
 
-  // Writes at once what was sent.
-  void Flush();
+  // Writes at once what was sent. False if it was dropped.
+  bool Flush();
 
   // Writes what was sent, then closes. May be repeated.
   void Close();

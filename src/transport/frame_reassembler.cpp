@@ -9,7 +9,7 @@ namespace mivo {
 
 namespace {
 
-// Room that a connection may keep while nothing is pending.
+// Room that a connection may keep while little or nothing is pending.
 constexpr std::size_t kIdleCapacity = 65536;
 
 std::int32_t LengthAt(std::string_view bytes) {
@@ -71,7 +71,8 @@ void FrameReassembler::KeepRest() {
   taken_ = 0;
   pending_.append(chunk_);
   chunk_ = {};
-  if (pending_.empty() && pending_.capacity() > kIdleCapacity) std::string().swap(pending_);
+  // What a large frame took is given back when little is left behind it.
+  if (pending_.capacity() > kIdleCapacity && pending_.size() < pending_.capacity() / 4) pending_.shrink_to_fit();
 }
 
 }  // namespace mivo

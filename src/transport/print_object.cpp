@@ -27,9 +27,17 @@ void WriteOut(const char* line) {
   std::fflush(stdout);
 }
 
+class SinkScope {
+ public:
+  SinkScope() { inside_sink = true; }
+  ~SinkScope() { inside_sink = false; }
+  SinkScope(const SinkScope&) = delete;
+  SinkScope& operator=(const SinkScope&) = delete;
+};
+
 void CallSink(IServerMethod* sink, const void* owner, const char* line) {
-  const HandlerScope scope(owner);
-  inside_sink = true;
+  const HandlerScope handler_scope(owner);
+  const SinkScope sink_scope;
   MIVOParams params;
   params.AddString(line);
   params.ToParams();
@@ -40,7 +48,6 @@ void CallSink(IServerMethod* sink, const void* owner, const char* line) {
   } catch (...) {
     PrintDirect("handler s_c_log: unknown exception\n");
   }
-  inside_sink = false;
 }
 
 }  // namespace

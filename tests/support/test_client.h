@@ -141,14 +141,16 @@ inline Resources CountResourcesWhenWarm() {
       ADD_FAILURE() << "a plain call does not work";
     }
   }
-  // Threads that were joined are listed for a moment longer.
+  // Threads that were joined are listed for a moment longer: the count is taken when it has stood still for a while.
   Resources now = CountResources();
+  int steady = 0;
   Eventually(
       [&] {
         const Resources last = std::exchange(now, CountResources());
-        return last.threads == now.threads;
+        steady = last.threads == now.threads && last.descriptors == now.descriptors ? steady + 1 : 0;
+        return steady >= 10;
       },
-      std::chrono::milliseconds(1000));
+      std::chrono::milliseconds(5000));
   return now;
 }
 

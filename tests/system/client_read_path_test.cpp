@@ -388,6 +388,7 @@ TEST_P(ClientReadPath, InitFromANoticeOrAHandlerIsRefused) {
   peer.Close();
   ASSERT_TRUE(done.WaitFor(2));
   EXPECT_EQ(succeeded, 0);
+  ASSERT_TRUE(Eventually([&] { return !client->isok(); }));
   EXPECT_TRUE(client.InitAgainst(server_).connected());
 }
 

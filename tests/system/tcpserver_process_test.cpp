@@ -163,12 +163,18 @@ TEST(TcpServerProcess, EndsOfAFailedWriteInALoopThatTheApplicationTurns) {
 }
 
 // Closing a client whose message is not through yet cuts the message off, and that is a failed write.
-const Role kCutsAMessageOff("cuts a message off", [](const std::string&) {
+const Role kCutsAMessageOff("cuts a message off", [](const std::string& how) {
   static CTcpServer server(uv_default_loop());
+  static bool all;
+  all = how == "all";
   server.SetConnectCallback([](int id) {
     const std::string text(24 * 1024 * 1024, 'x');
     server.Write(id, text.data(), static_cast<int>(text.size()));
-    server.CloseClient(id);
+    if (all) {
+      server.CloseAll();
+    } else {
+      server.CloseClient(id);
+    }
   });
   if (!server.Init() || !server.BindTcp4("127.0.0.1", 0) || !server.Listen(16)) return 2;
   PrintLine(std::to_string(PortOf(server)));
@@ -177,9 +183,11 @@ const Role kCutsAMessageOff("cuts a message off", [](const std::string&) {
 });
 
 TEST(TcpServerProcess, EndsWhenAMessageIsCutOffByClosingItsClient) {
-  ChildProgram writer = StartRole("cuts a message off");
-  const RawPeer peer = Connect(ReadLine(writer));
-  EXPECT_EQ(writer.Wait(), kFailedWrite);
+  for (const char* const how : {"one", "all"}) {
+    ChildProgram writer = StartRole("cuts a message off", how);
+    const RawPeer peer = Connect(ReadLine(writer));
+    EXPECT_EQ(writer.Wait(), kFailedWrite);
+  }
 }
 
 // At exit it is not: the process already ends.

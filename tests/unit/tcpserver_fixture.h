@@ -35,16 +35,8 @@ inline RawPeer ConnectPeer(int port) {
 
 class TcpServerTest : public testing::Test {
  protected:
-  TcpServerTest() {
-    uv_loop_init(&loop_);
-    test_ = this;
-  }
-
-  ~TcpServerTest() override {
-    server_.CloseAll();
-    EXPECT_EQ(uv_loop_close(&loop_), 0) << "something was left on the loop";
-    test_ = nullptr;
-  }
+  TcpServerTest() { test_ = this; }
+  ~TcpServerTest() override { test_ = nullptr; }
 
   bool Listen() { return server_.Init() && server_.BindTcp4("127.0.0.1", 0) && server_.Listen(128); }
 
@@ -98,7 +90,15 @@ class TcpServerTest : public testing::Test {
     if (test_->on_receive_) test_->on_receive_(id, bytes, count);
   }
 
-  uv_loop_t loop_ = {};
+  // Goes after the server.
+  struct Loop : uv_loop_t {
+    Loop() : uv_loop_t() { uv_loop_init(this); }
+    Loop(const Loop&) = delete;
+    Loop& operator=(const Loop&) = delete;
+    ~Loop() { EXPECT_EQ(uv_loop_close(this), 0) << "something was left on the loop"; }
+  };
+
+  Loop loop_;
   CTcpServer server_{&loop_};
   std::vector<int> connected_;
   std::map<int, std::string> received_;

@@ -209,7 +209,6 @@ TEST_F(TcpServerLifecycle, ListensAgainRightAfterCloseAll) {
     server_.Write(id, "hello", 5);
     EXPECT_EQ(Read(peer, 5), "hello");
     server_.CloseAll();
-    EXPECT_EQ(server_.listener.data, nullptr);
   }
 }
 
@@ -284,21 +283,54 @@ TEST_F(TcpServerLifecycle, ServesTheOthersOnTheLoopWhileItCloses) {
   ASSERT_TRUE(other.Init() && other.BindTcp4("127.0.0.1", 0) && other.Listen(128));
   ASSERT_TRUE(Listen());
   other.CloseAll();
+  ASSERT_TRUE(other.Init());
   EXPECT_TRUE(server_.initialised);
   auto [peer, id] = Connect();
   server_.Write(id, "unharmed", 8);
   EXPECT_EQ(Read(peer, 8), "unharmed");
 }
 
+TEST_F(TcpServerLifecycle, LeavesTheLoopToWhoTurnsItWhenItCloses) {
+  ASSERT_TRUE(Listen());
+  auto [peer, id] = Connect();
+  struct Closer {
+    CTcpServer* server;
+    int turns;
+  } closer{&server_, 0};
+  uv_prepare_t count;
+  uv_prepare_init(&loop_, &count);
+  count.data = &closer;
+  uv_prepare_start(&count, [](uv_prepare_t* prepare) { ++static_cast<Closer*>(prepare->data)->turns; });
+  // A callback the server knows nothing of, in a run it knows nothing of.
+  uv_idle_t idle;
+  uv_idle_init(&loop_, &idle);
+  idle.data = &closer;
+  uv_idle_start(&idle, [](uv_idle_t* handle) {
+    auto* const closing = static_cast<Closer*>(handle->data);
+    const int turns_before = closing->turns;
+    closing->server->CloseAll();
+    EXPECT_EQ(closing->turns, turns_before) << "the loop was turned inside its own turn";
+    EXPECT_NE(closing->server->listener.data, nullptr);
+    uv_close(reinterpret_cast<uv_handle_t*>(handle), nullptr);
+  });
+  uv_unref(reinterpret_cast<uv_handle_t*>(&count));
+  uv_run(&loop_, UV_RUN_DEFAULT);
+  EXPECT_EQ(server_.listener.data, nullptr);
+  EXPECT_TRUE(peer.ReadEof());
+  uv_close(reinterpret_cast<uv_handle_t*>(&count), nullptr);
+  uv_run(&loop_, UV_RUN_DEFAULT);
+}
+
 // A write that cannot be finished ends the process. One that is cut off because everything is taken down must not.
 TEST_F(TcpServerLifecycle, CanBeTakenDownWithAWriteUnderWay) {
   const std::string text(24 * 1024 * 1024, 'x');
-  ASSERT_TRUE(Listen());
   {
+    ASSERT_TRUE(Listen());
     auto [peer, id] = Connect();
     server_.Write(id, text.data(), static_cast<int>(text.size()));
     ASSERT_GT(uv_stream_get_write_queue_size(reinterpret_cast<uv_stream_t*>(server_.clients.at(id)->handle)), 0u);
     server_.CloseAll();
+    ASSERT_TRUE(server_.Init());
   }
   auto server = std::make_unique<CTcpServer>(&loop_);
   ASSERT_TRUE(server->Init() && server->BindTcp4("127.0.0.1", 0) && server->Listen(128));
