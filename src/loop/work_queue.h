@@ -23,6 +23,7 @@ class Work {
 // Loop thread. A loop does not stop running while jobs of its are under way, so this queue outlives them.
 class WorkQueue {
  public:
+  // Once the process is past main and the static objects, there is no pool: the job is dropped.
   void Queue(uv_loop_t* loop, std::unique_ptr<Work> work);
 
   // Drops the jobs that no pool thread has begun: they neither run nor finish. Whoever waits for the loop's end may
@@ -39,6 +40,8 @@ class WorkQueue {
     std::unique_ptr<Work> work;
     std::list<Job>::iterator self;
   };
+
+  static void OnDone(uv_work_t* request, int status);
 
   std::list<Job> jobs_;  // libuv knows their addresses
 };

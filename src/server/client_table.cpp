@@ -41,7 +41,9 @@ void ClientTable::OnIncoming(int status) {
     print_.Debug("Accept success: %d client id: %d all count:%d \n", accepted_tcp++, id,
                  static_cast<int>(clients_.size()));
   }
-  if (!connection->is_closed()) connection->StartReading();
+  if (connection->is_closed()) return;
+  const int reading = connection->StartReading();
+  if (reading < 0) OnEnd(*connection, reading);
 }
 
 std::shared_ptr<Connection> ClientTable::Find(int client_id) const {

@@ -539,7 +539,7 @@ TEST_P(ServerConnections, AFailedAcceptTakesNoAcceptNumber) {
   }
 }
 
-TEST_P(ServerConnections, AConnectionThatCannotBeReadHurtsNobody) {
+TEST_P(ServerConnections, AConnectionThatCannotBeReadIsEndedAndHurtsNobody) {
   TestServer server(GetParam());
   ASSERT_TRUE(server.Init());
   RawPeer early = Served(server);
@@ -547,6 +547,7 @@ TEST_P(ServerConnections, AConnectionThatCannotBeReadHurtsNobody) {
     ScopedFault fault(Fault::kReadStart, 1, 1, UV_ENOMEM);
     RawPeer unread = server.Connect();
     ASSERT_TRUE(Eventually([&] { return fault.failures() == 1; }));
+    EXPECT_TRUE(unread.ReadEof());
     EXPECT_TRUE(early.AnswersInOrder());
   }
   EXPECT_TRUE(Served(server).connected());
