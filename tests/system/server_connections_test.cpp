@@ -28,8 +28,6 @@ using namespace mivo_test;
 
 namespace {
 
-constexpr std::chrono::milliseconds kMoment{50};
-
 int Log(IServer* server, std::string text, int level) {
   return server->log(text.data(), level);
 }
