@@ -101,7 +101,8 @@ MIVO_EXPORT IServer* CreateServer();
 
 // Closes, waits for running handlers and for the serving thread to leave, and deletes; null is ignored, and so is, in a
 // child of fork, a server of the parent. From a handler or notice of that server the deletion happens behind its back,
-// on another thread, after the handler has returned. Handlers of a server that never ran are not deleted.
+// on another thread, after the handler has returned; but not from "s_c_createport", during which the operation that
+// starts the server is still under way. Handlers of a server that never ran are not deleted.
 MIVO_EXPORT void DestroyServer(IServer* server);
 
 #endif  // MIVO_SERVER_H_
