@@ -25,10 +25,18 @@ namespace {
 
 constexpr int kHandshakeTimeoutMs = 10000;
 constexpr int kSliceTimeoutMs = 500;
+// Promised: a close takes at least this long. Nothing relies on it.
 constexpr unsigned int kClosePauseUs = 100000;
 
 const char* TextOrEmpty(const char* text) {
   return text == nullptr ? "" : text;
+}
+
+// A set that was decoded may bring the key of the call it came with.
+int LargeCallKey(int key, const MIVOParams& params) {
+  if (key != 0) return key;
+  const MIVOValue* const own_key = params.GetMap(kThreadIdKey);
+  return own_key != nullptr && own_key->IsInt() ? own_key->GetInt() : CallKey(0);
 }
 
 MIVOParams* ErrorSet(int code) {
@@ -226,11 +234,7 @@ MIVOParams* MIVOClient::SendMsgEx(const char* name, MIVOParams* params, int key,
   MIVOParams no_params;
   if (params == nullptr) params = &no_params;
 
-  int call_key = key;
-  if (call_key == 0) {
-    const MIVOValue* const own_key = params->GetMap(kThreadIdKey);
-    call_key = own_key != nullptr && own_key->IsInt() ? own_key->GetInt() : CallKey(0);
-  }
+  const int call_key = LargeCallKey(key, *params);
   // What an earlier call left, under the key as given and under the one it came to stand for.
   large_replies_.BeginCall(key);
   large_replies_.BeginCall(call_key);
@@ -249,11 +253,7 @@ MIVOParams* MIVOClient::SendMsgEx(const char* name, MIVOParams* params, int key,
 }
 
 bool MIVOClient::SendMsgLargeData(const char* name, MIVOParams* params, int key, int timeout) {
-  int call_key = key;
-  if (call_key == 0) {
-    const MIVOValue* const own_key = params->GetMap(kThreadIdKey);
-    call_key = own_key != nullptr && own_key->IsInt() ? own_key->GetInt() : CallKey(0);
-  }
+  const int call_key = LargeCallKey(key, *params);
   params->AddKeyValueString(kNameKey, TextOrEmpty(name));
   params->AddKeyValueInt(kThreadIdKey, key);
   return SendInSlices(*params->GetParamas(), key, [&](MIVOParams* slice) {

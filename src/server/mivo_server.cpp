@@ -20,6 +20,7 @@ namespace {
 
 constexpr int kDefaultTimeoutStepMs = 100;
 constexpr int kSliceTimeoutMs = 500;
+// Promised: closeasync takes at least this long. Nothing relies on it.
 constexpr unsigned int kCloseAsyncPauseUs = 10000;
 
 std::string TextOrEmpty(const char* text) {
