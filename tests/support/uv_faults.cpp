@@ -6,6 +6,7 @@
 #include <unistd.h>
 #include <uv.h>
 
+#include <atomic>
 #include <cerrno>
 #include <map>
 #include <mutex>
@@ -14,7 +15,6 @@ namespace mivo_test {
 namespace {
 
 struct Plan {
-  bool armed = false;
   int first = 0;
   int count = 0;
   int error = 0;
@@ -34,11 +34,20 @@ Plan& PlanOf(Fault fault) {
   return plans[static_cast<std::size_t>(fault)];
 }
 
+// Apart from the lock and ordering nothing: a lock taken in every call would put the threads under test in an order that
+// the program does not give them, and hide their races from the thread sanitizer.
+std::atomic<bool>& ArmedOf(Fault fault) {
+  static std::atomic<bool> armed[static_cast<std::size_t>(Fault::kCount)];
+  return armed[static_cast<std::size_t>(fault)];
+}
+
 // The error this call has to return; 0: it goes through.
 int ErrorOfThisCall(Fault fault) {
+  if (!ArmedOf(fault).load(std::memory_order_relaxed)) return 0;
   std::lock_guard<std::mutex> lock(Lock());
   Plan& plan = PlanOf(fault);
-  if (!plan.armed) return 0;
+  // Disarmed meanwhile.
+  if (!ArmedOf(fault).load(std::memory_order_relaxed)) return 0;
   ++plan.calls;
   plan.times.push_back(std::chrono::steady_clock::now());
   if (plan.calls < plan.first || plan.calls >= plan.first + plan.count) return 0;
@@ -72,11 +81,13 @@ void OnConnection(uv_stream_t* listener, int status) {
 
 ScopedFault::ScopedFault(Fault fault, int first, int count, int error) : fault_(fault) {
   std::lock_guard<std::mutex> lock(Lock());
-  PlanOf(fault_) = Plan{true, first, count, error, 0, 0, {}};
+  PlanOf(fault_) = Plan{first, count, error, 0, 0, {}};
+  ArmedOf(fault_).store(true, std::memory_order_relaxed);
 }
 
 ScopedFault::~ScopedFault() {
   std::lock_guard<std::mutex> lock(Lock());
+  ArmedOf(fault_).store(false, std::memory_order_relaxed);
   PlanOf(fault_) = Plan();
 }
 
