@@ -13,22 +13,27 @@ class MIVOParams;
 // Threads: every operation may be called from any thread, also from several at once, from handlers and from the
 //   "s_c_closed" notice; only destruction must not race with other operations. On the client's own loop thread (that
 //   notice) a call never waits: it is sent, and comes back with "errorCode" -1001.
-// Blocking: Init*, SendMsg*, PostMsg* and close block as told at each. Every one of them returns: at the latest when
-//   its time-out has passed, the connection has ended, or the client is closed.
+// Blocking: Init*, SendMsg*, PostMsg* and close block as told at each. A call ends when its reply is there, its
+//   time-out has passed, the connection has ended or the client is closed. SendMsg, PostMsg, the slices of SendMsgEx
+//   and the version check of Init* take turns in the whole process; the time-out begins when the call has its turn.
 // Call key: a non-zero `key` names the call; 0 means the calling thread's id. Two calls in flight at one time should
 //   not share a key.
 // Replies: a set returned by a call belongs to the client and stays valid until the next call with the same key starts,
-//   ClearRetvalMem, or destruction. Do not delete it. The one exception is a set holding "errorCode" that the client
-//   made itself (-1000 not connected, nothing was sent; -1001 no reply came, whether the call was carried out is
-//   unknown): it is the caller's to delete.
+//   ClearRetvalMem, the end of a later connection, or destruction. Do not delete it.
+// Errors: where no reply came, the client makes a set itself, which is the caller's to delete. It holds "errorCode" and
+//   nothing else: -1000 not connected, nothing was sent (from SendMsgEx also: the connection has ended meanwhile);
+//   -1001 no reply came, whether the call was carried out is unknown. A reply has further entries, so the number of
+//   entries tells a set of the client's own from a reply in which the server has used that key. A result of SendMsgEx
+//   is whatever the server has sent: one that is not trusted can make it look like a set of the client's own.
 class MIVO_EXPORT IClient {
  public:
   virtual ~IClient() = default;
 
   // Connects to the local socket "/tmp/echo.sock." + `name` and checks the server's version; true when both succeeded.
-  // Blocks until then: the version check for at most about 10 s. `threaded` is accepted and ignored: a client always
-  // runs its loop on a thread of its own. On a connected client nothing happens and the result is true. After a failure
-  // or a close the client can be initialised again. False on the client's own loop thread and in one of its handlers.
+  // Blocks until then: the version check for at most about 10 s, once it has its turn. `threaded` is accepted and
+  // ignored: a client always runs its loop on a thread of its own. On a connected client nothing happens and the result
+  // is true. False on the client's own loop thread and in one of its handlers. After a failure or a close the client
+  // can be initialised again; a failed version check has closed it, with its handlers, a failed connect has not.
   virtual bool InitMIVOClient(const char* name, bool threaded) = 0;
 
   // The same over TCP. `host` is a numeric address; `port` is read as a decimal number. An address that is not one
@@ -48,15 +53,17 @@ class MIVO_EXPORT IClient {
   virtual void close() = 0;
 
   // Calls `name` and waits for the reply; never null. `params` (null: no arguments) is only read. `timeout` is in
-  // milliseconds and is looked at every 100 ms, first 500 ms after connecting; 0 waits without limit.
+  // milliseconds and is looked at every 100 ms, first 500 ms after connecting; 0 waits without limit, below 0 some 50
+  // days. Names that begin with "s_c_", and "retval", are the library's own.
   // At most one SendMsg or PostMsg runs at a time in the whole process; SendMsgFast has no such limit and is the one to
   // use from handlers.
   virtual MIVOParams* SendMsg(const char* name, MIVOParams* params, int key, int timeout) = 0;
   virtual MIVOParams* SendMsgFast(const char* name, MIVOParams* params, int key, int timeout) = 0;
 
   // The same for arguments and results of any size, which travel in slices. `params` is emptied (unless the client was
-  // not connected). One SendMsgEx runs at a time in the process. A result that comes after its call has timed out may
-  // be taken for the result of the next SendMsgEx with the same key: give such calls keys of their own.
+  // not connected). One SendMsgEx runs at a time in the process. `timeout` counts from the beginning, but the call
+  // does not end before all slices are sent, each of which waits for its answer for at most about 600 ms. A result that comes after its call has timed out
+  // may be taken for the result of the next SendMsgEx with the same key: give such calls keys of their own.
   virtual MIVOParams* SendMsgEx(const char* name, MIVOParams* params, int key, int timeout) = 0;
 
   // Sends a call nobody waits for and returns 0 once it was handed to the kernel (or was dropped because there is no
@@ -65,14 +72,17 @@ class MIVO_EXPORT IClient {
   virtual int PostMsgFast(const char* name, MIVOParams* params, int key) = 0;
 
   // Registers a handler for calls from the server. The first registration of a name stays; a second one is ignored and
-  // its handler remains the caller's. "s_c_closed" names the notice of the connection's end.
+  // its handler remains the caller's. "s_c_closed" names the notice of the connection's end. Other names that begin
+  // with "s_c_" are the library's own.
   virtual void method(const char* name, IServerMethod* handler) = 0;
 
   // Takes ownership of a catch-all handler. A client never calls it.
   virtual void methodall(IMethodAll* handler) = 0;
 
-  // Sets the level of the diagnostic lines: above 0 (as at construction) they appear on standard output, else only the
-  // error lines do. The text is not printed. 1 if the text is not empty, else 0.
+  // Sets the level of the diagnostic lines: above 0 (as at construction) they appear on standard output, else only
+  // those that tell of errors do, and the "run" and "run out" of TCP clients. The text is not printed. 1 if the text is
+  // not empty, else 0. The first call in a process, on any object, also calls std::ios_base::sync_with_stdio(false):
+  // std::cout and printf are no longer in step.
   virtual int log(char* text, int level) = 0;
 
   // From now on the application keeps its handlers: closing the client does not delete them.
@@ -91,7 +101,7 @@ class MIVO_EXPORT IClient {
 MIVO_EXPORT IClient* CreateClient();
 
 // Closes and deletes; null is ignored, and so is, in a child of fork, a client of the parent. From a handler or notice
-// of that client the deletion happens behind its back, on another thread, after the handler has returned.
+// of that client the deletion happens later, on another thread, when the handler has returned.
 MIVO_EXPORT void DestroyClient(IClient* client);
 
 #endif  // MIVO_CLIENT_H_

@@ -12,19 +12,24 @@ class MIVOParams;
 //
 // Threads: every operation may be called from any thread, from handlers and from notices; only destruction must not
 //   race with other operations. Init* serves on a thread of the server's own; Start* and run() on the caller's.
+// Blocking: Init*, run, close and SendMsg as told at each; PostMsg until the frame was handed to the kernel.
 // Call key: as for IClient.
 // Replies: a set returned by SendMsg belongs to the server and stays valid until the next call with the same key,
-//   ClearRetvalMem, or destruction. Do not delete it.
-// Notices: handlers registered as "s_c_connect", "s_c_closed" (a client came, went; its id is passed) and
-//   "s_c_createport" (listening began; one string: the socket name or port text) run on the loop thread. A handler
-//   registered as "s_c_log" gets every diagnostic line, as one string, in place of standard output, on whichever thread
-//   has something to say; it stays the application's, and must live until the server is destroyed.
+//   ClearRetvalMem, the close of a later start, or destruction. Do not delete it.
+// Notices: handlers registered as "s_c_connect" and "s_c_closed" (a client came, went; its id is passed) run on the
+//   loop thread. In "s_c_connect" the client cannot be reached yet: posts and calls to it are dropped. "s_c_createport"
+//   (listening began; one string: the socket name or port text) runs on the thread that starts the server. A handler
+//   registered as "s_c_log" gets the diagnostic lines, as one string each, in place of standard output, on whichever
+//   thread has something to say; it stays the application's, and must live until the server is destroyed. A few lines
+//   that tell of errors outside a server's own work appear on standard output all the same.
 //
 // The operations stand in this order, the destructor last: the order of the virtual table is part of the interface.
 class MIVO_EXPORT IServer {
  public:
-  // Listens on the local socket "/tmp/echo.sock." + `name` (mode 0777), replacing a socket file that is there; true
-  // when listening. Serving begins with run(). False when the server already runs.
+  // Listens on the local socket "/tmp/echo.sock." + `name`, replacing a socket file that is there; true when listening.
+  // The file gets mode 0777 and, where the process may do that, user and group 1000; otherwise "chown error" appears on
+  // standard output and nothing is lost. Serving begins with run(). False when the server already runs, and in its
+  // handlers and notices.
   virtual bool StartMIVOServer(const char* name) = 0;
 
   // Listens on the local socket named by the number in `port` and serves on a thread of its own; blocks until listening
@@ -37,8 +42,9 @@ class MIVO_EXPORT IServer {
   virtual bool InitMIVOServerTcp4(const char* ip, const char* port) = 0;
   virtual bool InitMIVOServerTcp6(const char* ip, const char* port) = 0;
 
-  // Serves on the calling thread until the server is closed; always true. Without a successful Start* it returns at
-  // once.
+  // Serves on the calling thread until the server is closed; always true. While another thread serves, as after Init*,
+  // it waits until that one has left. Without a successful Start*, and in a handler or notice of this server, it
+  // returns at once.
   virtual bool run() = 0;
 
   // How often, in milliseconds, calls to clients are tested against their time-outs; below 1 means 100.
@@ -49,16 +55,18 @@ class MIVO_EXPORT IServer {
 
   // Closes: no new work, connections ended, calls to clients woken, handlers deleted (see SetCustomReleaseEvent). On
   // the thread that serves, and when none does, it happens at once; any other asks that thread and waits until it has
-  // left the loop, so that no handler runs any more. In a handler it only begins. Always true.
+  // left the loop, so that no handler runs any more. In a handler it only begins. On a server that is already closing it
+  // returns at once; DestroyServer waits for the end. Always true.
   virtual bool close() = 0;
 
   // Asks the serving thread to close and returns after about 10 ms without waiting for the end. Always true.
   virtual bool closeasync() = 0;
 
-  // Calls `name` of one connected client and waits for the reply. Null when the server does not run or the client is
-  // unknown (nothing was sent), or when no reply came within `timeout` ms; a reply stored earlier under the same key is
-  // returned in its place. Time-outs are looked at every time-out step, first 500 ms after the server's first call; 0
-  // ends at the next look. On the loop thread the call is sent and not waited for.
+  // Calls `name` of one connected client and waits for the reply. `params` and negative time-outs are as for IClient;
+  // no turns are taken. Null when the server does not run or the client is unknown (nothing was sent), or when no reply
+  // came within `timeout` ms; a reply stored earlier under the same key is returned in its place. Time-outs are looked
+  // at every time-out step, first 500 ms after the server's first call; 0 ends at the next look. On the loop thread the
+  // call is sent and not waited for.
   virtual MIVOParams* SendMsg(int clientId, const char* name, MIVOParams* params, int key, int timeout) = 0;
 
   // Sends a call nobody waits for; returns 0 once it was handed to the kernel or dropped.
@@ -68,11 +76,12 @@ class MIVO_EXPORT IServer {
   virtual int log(char* path, int level) = 0;
 
   // Registers a handler. The last registration of a name is the one called; a handler that was replaced is the
-  // application's again. "s_c_log" sets (or, with null, removes) the receiver of the diagnostic lines, which the server
-  // never deletes.
+  // application's again, and may be running until the server has closed. "s_c_log" sets (or, with null, removes) the
+  // receiver of the diagnostic lines, which the server never deletes. Names that begin with "s_c_" and are not those of
+  // the notices are the library's own.
   virtual void method(const char* name, IServerMethod* handler) = 0;
 
-  // Sets the handler for names without one. A handler that was replaced is the application's again.
+  // Sets the handler for names without one. A handler that was replaced is the application's again, as above.
   virtual void methodall(IMethodAll* handler) = 0;
 
   // The number in the text the server was started with. A port chosen by the system (text "0") is not read back.
@@ -100,8 +109,8 @@ class MIVO_EXPORT IServer {
 MIVO_EXPORT IServer* CreateServer();
 
 // Closes, waits for running handlers and for the serving thread to leave, and deletes; null is ignored, and so is, in a
-// child of fork, a server of the parent. From a handler or notice of that server the deletion happens behind its back,
-// on another thread, after the handler has returned; but not from "s_c_createport", during which the operation that
+// child of fork, a server of the parent. From a handler or notice of that server the deletion happens later, on another
+// thread, when the handler has returned; but not from "s_c_createport", during which the operation that
 // starts the server is still under way. Handlers of a server that never ran are not deleted.
 MIVO_EXPORT void DestroyServer(IServer* server);
 

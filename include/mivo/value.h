@@ -25,6 +25,7 @@ class MIVO_EXPORT MIVOValue {
   // For List and ListMap, to be filled with the add operations below.
   MIVOValue(Type type);
   MIVOValue(int value);
+  // A pointer is taken for a bool, a literal text too: use the constructor with a length.
   MIVOValue(bool value);
   MIVOValue(double value);
   // A String or Stream of its own copy of `length` bytes, NUL bytes included. A negative length counts as 0. Throws
