@@ -2,6 +2,7 @@
 #ifndef MIVO_BASE_MUTEX_H_
 #define MIVO_BASE_MUTEX_H_
 
+#include <chrono>
 #include <condition_variable>
 #include <mutex>
 
@@ -43,6 +44,13 @@ class Condition {
     std::unique_lock<std::mutex> lock(mutex.mutex_, std::adopt_lock);
     condition_.wait(lock);
     lock.release();
+  }
+  // False once the time is over.
+  bool WaitUntil(Mutex& mutex, std::chrono::steady_clock::time_point deadline) MIVO_REQUIRES(mutex) {
+    std::unique_lock<std::mutex> lock(mutex.mutex_, std::adopt_lock);
+    const std::cv_status status = condition_.wait_until(lock, deadline);
+    lock.release();
+    return status == std::cv_status::no_timeout;
   }
   void NotifyAll() { condition_.notify_all(); }
 

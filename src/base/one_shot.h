@@ -2,6 +2,8 @@
 #ifndef MIVO_BASE_ONE_SHOT_H_
 #define MIVO_BASE_ONE_SHOT_H_
 
+#include <chrono>
+
 #include "base/mutex.h"
 
 namespace mivo {
@@ -21,6 +23,15 @@ class OneShot {
     MutexLock lock(mutex_);
     while (!set_)
       condition_.Wait(mutex_);
+  }
+
+  // The same, but for `timeout` at most. Returns whether Set was called.
+  bool WaitFor(std::chrono::milliseconds timeout) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    MutexLock lock(mutex_);
+    while (!set_ && condition_.WaitUntil(mutex_, deadline)) {
+    }
+    return set_;
   }
 
  private:

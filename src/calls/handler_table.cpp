@@ -4,17 +4,15 @@
 
 namespace mivo {
 
-HandlerTable::~HandlerTable() = default;
-
 void HandlerTable::Register(const char* name, IServerMethod* handler) {
   MutexLock lock(mutex_);
   const auto [entry, is_new] = methods_.emplace(name == nullptr ? "" : name, handler);
-  if (!is_new && second_ == SecondRegistration::kReplaces) entry->second = handler;
+  if (!is_new && rules_ == Rules::kOfAServer) entry->second = handler;
 }
 
 void HandlerTable::RegisterCatchAll(IMethodAll* handler) {
   MutexLock lock(mutex_);
-  if (catch_all_ == nullptr || second_ == SecondRegistration::kReplaces) catch_all_ = handler;
+  if (catch_all_ == nullptr || rules_ == Rules::kOfAServer) catch_all_ = handler;
 }
 
 void HandlerTable::RegisterBuiltin(const char* name, IServerMethod* handler) {
@@ -45,39 +43,23 @@ void HandlerTable::Open() {
   open_ = true;
 }
 
-bool HandlerTable::Close(const IServerMethod* handler) {
+ClosedHandlers HandlerTable::Close() {
+  ClosedHandlers closed;
   MutexLock lock(mutex_);
   open_ = false;
-  // A server whose handlers are the application's keeps them registered for its next start.
-  if (keep_ && second_ == SecondRegistration::kReplaces) return false;
+  if (keep_ && rules_ == Rules::kOfAServer) return closed;
 
-  if (!keep_) {
-    for (const auto& [name, method] : methods_) {
-      if (method != nullptr && builtins_.count(method) == 0) closed_methods_.insert(method);
+  for (auto entry = methods_.begin(); entry != methods_.end();) {
+    if (builtins_.count(entry->second) != 0) {
+      ++entry;
+      continue;
     }
-    if (catch_all_ != nullptr) closed_catch_alls_.insert(catch_all_);
+    if (!keep_ && entry->second != nullptr) closed.Add(entry->second);
+    entry = methods_.erase(entry);
   }
-  methods_.clear();
+  if (!keep_ && catch_all_ != nullptr) closed.Add(catch_all_);
   catch_all_ = nullptr;
-  for (const IServerMethod* const closed : closed_methods_) {
-    if (closed == handler) return true;
-  }
-  return false;
-}
-
-void HandlerTable::Release() {
-  std::set<IServerMethod*> methods;
-  std::set<IMethodAll*> catch_alls;
-  {
-    MutexLock lock(mutex_);
-    methods.swap(closed_methods_);
-    catch_alls.swap(closed_catch_alls_);
-  }
-  // Their destructors are the application's code: without the lock.
-  for (IServerMethod* const method : methods)
-    delete method;
-  for (IMethodAll* const catch_all : catch_alls)
-    delete catch_all;
+  return closed;
 }
 
 }  // namespace mivo

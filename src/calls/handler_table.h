@@ -6,10 +6,10 @@
 #include <set>
 #include <string>
 #include <string_view>
-#include <vector>
 
 #include "base/mutex.h"
 #include "base/thread_annotations.h"
+#include "calls/closed_handlers.h"
 
 class IMethodAll;
 class IServerMethod;
@@ -20,23 +20,24 @@ namespace mivo {
 // stay its own.
 //
 // The end comes in two steps, for a handler must not be deleted while it runs: Close makes every look-up find nothing,
-// and once nothing runs any more Release deletes what there was, each object once.
+// and gives what there was to the caller, who lets go of it once nothing runs any more.
 class HandlerTable {
  public:
-  enum class SecondRegistration {
-    kIsIgnored,  // a client
-    kReplaces,   // a server
+  enum class Rules {
+    // The first registration of a name counts. Handlers that the application keeps are forgotten by a close.
+    kOfAClient,
+    // The last registration counts. Handlers that the application keeps are there again after the next start.
+    kOfAServer,
   };
 
-  explicit HandlerTable(SecondRegistration second) : second_(second) {}
-  ~HandlerTable();
+  explicit HandlerTable(Rules rules) : rules_(rules) {}
   HandlerTable(const HandlerTable&) = delete;
   HandlerTable& operator=(const HandlerTable&) = delete;
 
   void Register(const char* name, IServerMethod* handler);
   void RegisterCatchAll(IMethodAll* handler);
 
-  // Enters a handler that Release does not delete, unless the name is taken.
+  // Enters a handler that is never deleted and outlasts every close, unless the name is taken.
   void RegisterBuiltin(const char* name, IServerMethod* handler);
 
   // From now on the application deletes its handlers.
@@ -49,22 +50,17 @@ class HandlerTable {
   // Look-ups work again, of what was registered meanwhile.
   void Open();
 
-  // Look-ups find nothing from now on. Returns whether `handler` is among those that Release will delete.
-  bool Close(const IServerMethod* handler);
-
-  // Deletes what Close took out. May be repeated.
-  void Release();
+  // Look-ups find nothing from now on. Returns the handlers that are to be deleted.
+  [[nodiscard]] ClosedHandlers Close();
 
  private:
-  const SecondRegistration second_;
+  const Rules rules_;
   mutable Mutex mutex_;
   bool open_ MIVO_GUARDED_BY(mutex_) = true;
   bool keep_ MIVO_GUARDED_BY(mutex_) = false;
   std::map<std::string, IServerMethod*, std::less<>> methods_ MIVO_GUARDED_BY(mutex_);
   std::set<const IServerMethod*> builtins_ MIVO_GUARDED_BY(mutex_);
   IMethodAll* catch_all_ MIVO_GUARDED_BY(mutex_) = nullptr;
-  std::set<IServerMethod*> closed_methods_ MIVO_GUARDED_BY(mutex_);
-  std::set<IMethodAll*> closed_catch_alls_ MIVO_GUARDED_BY(mutex_);
 };
 
 }  // namespace mivo

@@ -53,16 +53,19 @@ MIVOParams* ReplyTable::Collect(int key, std::string payload) {
   return result;
 }
 
+std::optional<std::string> ReplyTable::TakeUnread(int key) {
+  MutexLock lock(mutex_);
+  const Table::iterator found = entries_.find(key);
+  if (found == entries_.end()) return std::nullopt;
+  return std::exchange(found->second.unread, std::nullopt);
+}
+
 MIVOParams* ReplyTable::CollectStored(int key) {
-  std::optional<std::string> unread;
-  {
-    MutexLock lock(mutex_);
-    const Table::iterator found = entries_.find(key);
-    if (found == entries_.end()) return nullptr;
-    unread = std::exchange(found->second.unread, std::nullopt);
-    if (!unread) return retention_ == Retention::kStale ? found->second.returned.get() : nullptr;
-  }
-  return Collect(key, std::move(*unread));
+  if (std::optional<std::string> unread = TakeUnread(key)) return Collect(key, std::move(*unread));
+  MutexLock lock(mutex_);
+  const Table::iterator found = entries_.find(key);
+  if (retention_ != Retention::kStale || found == entries_.end()) return nullptr;
+  return found->second.returned.get();
 }
 
 void ReplyTable::Store(int key, std::string payload) {

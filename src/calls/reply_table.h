@@ -39,8 +39,10 @@ class ReplyTable {
   // The reply of a call came: decodes and stores it; the result is the call's.
   MIVOParams* Collect(int key, std::string payload);
 
-  // A call got no reply of its own: what it returns all the same, or null. A client's call takes only what was stored
-  // for nobody and not returned yet.
+  // A call got no reply of its own: takes what was stored for nobody under its key, if anything was.
+  std::optional<std::string> TakeUnread(int key);
+
+  // The same, decoded. A server's call takes once more what an earlier one has returned, if there is nothing new.
   MIVOParams* CollectStored(int key);
 
   // A reply came that no call waits for.

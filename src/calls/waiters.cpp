@@ -35,6 +35,11 @@ bool Waiters::Unlist(Waiter& waiter) {
   return listed_.erase(waiter.token_) == 1;
 }
 
+std::optional<std::chrono::milliseconds> Waiters::TimeoutOf(const Waiter& waiter) const {
+  if (waiter.timeout_ms_ == 0 && zero_timeout_ == ZeroTimeout::kWaitsForEver) return std::nullopt;
+  return std::chrono::milliseconds(waiter.timeout_ms_);
+}
+
 Waiters::Woken Waiters::WakeByToken(std::uintptr_t token, int peer, int key, std::string* reply) {
   Waiter* waiter = nullptr;
   {
@@ -84,9 +89,9 @@ void Waiters::ReleaseAll(const void* owner) {
 }
 
 bool Waiters::IsExpired(const Waiter& waiter, std::int64_t now_ms) const {
-  if (waiter.timeout_ms_ == 0 && zero_timeout_ == ZeroTimeout::kWaitsForEver) return false;
+  const std::optional<std::chrono::milliseconds> timeout = TimeoutOf(waiter);
   // A call that began after the clock was read has a negative age and is not expired.
-  return now_ms - waiter.start_ms_ > static_cast<std::int64_t>(waiter.timeout_ms_);
+  return timeout && now_ms - waiter.start_ms_ > timeout->count();
 }
 
 template <class Predicate>

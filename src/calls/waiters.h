@@ -2,6 +2,7 @@
 #ifndef MIVO_CALLS_WAITERS_H_
 #define MIVO_CALLS_WAITERS_H_
 
+#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -29,6 +30,9 @@ class Waiter {
 
   // The caller, once. Returns what the waiter was woken with: the reply's payload, or nothing.
   std::optional<std::string> Wait();
+
+  // Whether it is woken within `patience`.
+  bool WaitFor(std::chrono::milliseconds patience) { return woken_.WaitFor(patience); }
 
  private:
   friend class Waiters;
@@ -59,6 +63,9 @@ class Waiters {
 
   // Takes a waiter back; false if somebody has unlisted it and wakes it.
   bool Unlist(Waiter& waiter);
+
+  // Whether a sweep ever ends its wait, and after how long at the earliest.
+  std::optional<std::chrono::milliseconds> TimeoutOf(const Waiter& waiter) const;
 
   enum class Woken {
     kWithReply,    // the reply was taken

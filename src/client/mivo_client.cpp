@@ -5,10 +5,10 @@
 
 #include <cstring>
 #include <string>
-#include <thread>
 #include <utility>
 
 #include "base/call_key.h"
+#include "base/detached_thread.h"
 #include "base/handler_scope.h"
 #include "calls/handler_run.h"
 #include "client/session.h"
@@ -37,6 +37,12 @@ int LargeCallKey(int key, const MIVOParams& params) {
   if (key != 0) return key;
   const MIVOValue* const own_key = params.GetMap(kThreadIdKey);
   return own_key != nullptr && own_key->IsInt() ? own_key->GetInt() : CallKey(0);
+}
+
+// Makes of `params` the whole of a large call as it travels.
+void AddNameAndKey(const char* name, int key, MIVOParams* params) {
+  params->AddKeyValueString(kNameKey, TextOrEmpty(name));
+  params->AddKeyValueInt(kThreadIdKey, key);
 }
 
 MIVOParams* ErrorSet(int code) {
@@ -84,19 +90,15 @@ bool MIVOClient::Init(Endpoint endpoint) {
 
   MutexLock lock(init_mutex_);
   if (const std::shared_ptr<Session> old = CurrentSession()) {
-    if (old->is_connected()) return true;
+    if (old->is_connected() && !old->is_ending()) return true;
     old->Close(Session::Handlers::kKeep);
     old->Join();
   }
-  handlers_.Open();
-  handlers_.RegisterBuiltin(kSliceMethod, &large_data_receiver_);
-  handlers_.RegisterBuiltin(kBuiltinClosedNotice, &server_closed_);
-
   // Known before it connects, so that a close can end the attempt.
   const std::string name = endpoint.name;
   const auto session = std::make_shared<Session>(ClientParts{this, print_, handlers_, replies_, large_replies_, *this},
                                                  std::move(endpoint));
-  SetSession(session);
+  BeginSession(session);
   if (!session->Connect()) {
     DropSession(session);
     print_.Debug("cant connect: %s \n", name.c_str());
@@ -114,14 +116,16 @@ bool MIVOClient::Init(Endpoint endpoint) {
 bool MIVOClient::CheckServer() {
   MIVOParams version;
   version.AddKeyValueString(kVersionKey, kVersionBanner);
-  const CallResult reply = CallSerialised(kVersionMethod, &version, 0, kHandshakeTimeoutMs);
-  if (reply.is_error_set) {
-    delete reply.set;
+  Answer answer = AskInTurn(kVersionMethod, &version, CallKey(0), kHandshakeTimeoutMs);
+  if (!answer.reply) {
     print_.Debug("Check Server Version: timeout\n");
     return false;
   }
-  const MIVOValue* const accepted = reply.set->GetValue(0);
-  const MIVOValue* const banner = reply.set->GetMap(kVersionKey);
+  MIVOParams reply;
+  *reply.GetParamas() = std::move(*answer.reply);
+  reply.ToParams();
+  const MIVOValue* const accepted = reply.GetValue(0);
+  const MIVOValue* const banner = reply.GetMap(kVersionKey);
   print_.Debug("Check Server Version: \nserver %s\nclient %s \n",
                banner != nullptr && banner->IsString() ? banner->GetString() : "", kVersionBanner);
   // The server has compared the banners; its word decides.
@@ -135,15 +139,19 @@ void MIVOClient::close() {
   if (session) {
     session->Close(Session::Handlers::kRelease);
     print_.Debug("Client Closing waiting thread!\n");
-    if (may_wait) {
-      session->Join();
-      DropSession(session);
-    }
-  } else if (may_wait) {
-    handlers_.Close(nullptr);
-    handlers_.Release();
+    if (may_wait) session->Join();
   }
   if (may_wait) {
+    {
+      // What the session has not taken along, as it never stood, or had ended before this was registered. Nothing runs.
+      ClosedHandlers closed;
+      MutexLock lock(session_mutex_);
+      // Otherwise somebody has begun anew meanwhile, and they are in use.
+      if (session_ == nullptr || session_ == session) {
+        session_.reset();
+        closed = handlers_.Close();
+      }
+    }
     if (isok()) print_.Debug("bad close\n");
     ::usleep(kClosePauseUs);
   }
@@ -166,9 +174,10 @@ std::shared_ptr<Session> MIVOClient::CurrentSession() {
   return session_;
 }
 
-void MIVOClient::SetSession(std::shared_ptr<Session> session) {
+void MIVOClient::BeginSession(std::shared_ptr<Session> session) {
   // The one replaced ends outside the lock.
   MutexLock lock(session_mutex_);
+  handlers_.Open();
   session_.swap(session);
 }
 
@@ -183,28 +192,28 @@ MIVOParams* MIVOClient::SendMsg(const char* name, MIVOParams* params, int key, i
 }
 
 MIVOParams* MIVOClient::SendMsgFast(const char* name, MIVOParams* params, int key, int timeout) {
-  return Call(name, params, key, timeout).set;
+  const Presence::Scope inside(callers_);
+  const int call_key = CallKey(key);
+  Answer answer = Ask(name, params, call_key, timeout);
+  return answer.reply ? replies_.Collect(call_key, std::move(*answer.reply)) : ErrorSet(answer.error);
 }
 
-MIVOClient::CallResult MIVOClient::CallSerialised(const char* name, MIVOParams* params, int key, int timeout) {
+MIVOClient::Answer MIVOClient::AskInTurn(const char* name, const MIVOParams* params, int call_key, int timeout) {
   const TurnLock turn(TurnLock::Turn::kCall);
-  return Call(name, params, key, timeout);
+  return Ask(name, params, call_key, timeout);
 }
 
-MIVOClient::CallResult MIVOClient::Call(const char* name, MIVOParams* params, int key, int timeout) {
+MIVOClient::Answer MIVOClient::Ask(const char* name, const MIVOParams* params, int call_key, int timeout) {
   const Presence::Scope inside(callers_);
   const std::shared_ptr<Session> session = CurrentSession();
   if (!session || !session->is_connected()) {
     PrintDirect("SendMsg end: IsOk Flase\n");
     print_.Error("send msg: disconnect... .. .\n");
-    return {ErrorSet(kErrorNotConnected), true};
+    return {std::nullopt, kErrorNotConnected};
   }
-  const int call_key = CallKey(key);
-  replies_.BeginCall(call_key);
   std::optional<std::string> reply = session->Call(TextOrEmpty(name), params, call_key, timeout);
-  MIVOParams* const set = reply ? replies_.Collect(call_key, std::move(*reply)) : replies_.CollectStored(call_key);
-  if (set == nullptr) return {ErrorSet(kErrorNoReply), true};
-  return {set, false};
+  if (!reply) reply = replies_.TakeUnread(call_key);
+  return {std::move(reply), kErrorNoReply};
 }
 
 int MIVOClient::PostMsg(const char* name, MIVOParams* params, int key) {
@@ -235,31 +244,37 @@ MIVOParams* MIVOClient::SendMsgEx(const char* name, MIVOParams* params, int key,
   if (params == nullptr) params = &no_params;
 
   const int call_key = LargeCallKey(key, *params);
-  // What an earlier call left, under the key as given and under the one it came to stand for.
+  AddNameAndKey(name, call_key, params);
+  const std::string whole = std::move(*params->GetParamas());
+  params->Clear();
+  // What an earlier call left, under the key as given and under the one it came to stand for. `params` may be among it:
+  // it is not touched any more.
   large_replies_.BeginCall(key);
   large_replies_.BeginCall(call_key);
 
-  std::optional<std::string> result = session->CallLarge(call_key, timeout, [&] {
-    SendMsgLargeData(name, params, call_key, kSliceTimeoutMs);
-    params->Clear();
-  });
+  std::optional<std::string> result =
+      session->CallLarge(call_key, timeout, [&] { SendSlices(whole, call_key, call_key, kSliceTimeoutMs); });
   if (!isok()) {
     print_.Error("sendmsgex: disconnect... .. .\n");
     return ErrorSet(kErrorNotConnected);
   }
-  MIVOParams* const set =
-      result ? large_replies_.Collect(call_key, std::move(*result)) : large_replies_.CollectStored(call_key);
-  return set != nullptr ? set : ErrorSet(kErrorNoReply);
+  if (!result) result = large_replies_.TakeUnread(call_key);
+  return result ? large_replies_.Collect(call_key, std::move(*result)) : ErrorSet(kErrorNoReply);
 }
 
 bool MIVOClient::SendMsgLargeData(const char* name, MIVOParams* params, int key, int timeout) {
+  MIVOParams no_params;
+  if (params == nullptr) params = &no_params;
   const int call_key = LargeCallKey(key, *params);
-  params->AddKeyValueString(kNameKey, TextOrEmpty(name));
-  params->AddKeyValueInt(kThreadIdKey, key);
-  return SendInSlices(*params->GetParamas(), key, [&](MIVOParams* slice) {
-    const CallResult answer = CallSerialised(kSliceMethod, slice, call_key, timeout);
+  AddNameAndKey(name, key, params);
+  // A copy: each slice is a call, and `params` may be what an earlier one under its key has returned.
+  return SendSlices(std::string(*params->GetParamas()), key, call_key, timeout);
+}
+
+bool MIVOClient::SendSlices(const std::string& whole, int key, int call_key, int timeout) {
+  return SendInSlices(whole, key, [&](MIVOParams* slice) {
     // A slice that nobody answered does not end the transfer.
-    if (answer.is_error_set) delete answer.set;
+    AskInTurn(kSliceMethod, slice, call_key, timeout);
     return true;
   });
 }
@@ -325,7 +340,8 @@ void DestroyClient(IClient* client) {
   if (own != nullptr && !own->IsOfThisProcess()) return;
   if (own != nullptr && own->IsInsideItself()) {
     // The close has to wait for the handler that we are called from.
-    std::thread(destroy).detach();
+    // Without a thread for it, it only ends, and its memory is lost.
+    if (!mivo::RunDetached(destroy)) client->close();
   } else {
     destroy();
   }

@@ -5,6 +5,8 @@
 #include <mivo/client.h>
 
 #include <memory>
+#include <optional>
+#include <string>
 
 #include "base/mutex.h"
 #include "base/presence.h"
@@ -57,36 +59,37 @@ class MIVOClient : public IClient, private RequestServer {
   bool IsOfThisProcess() const { return process_.IsThisProcess(); }
 
  private:
-  // A call's result, and whose it is.
-  struct CallResult {
-    MIVOParams* set;
-    bool is_error_set;  // made for this return: the caller's; else it stays in the table
+  // What a call brought: the reply as it came, or why there is none.
+  struct Answer {
+    std::optional<std::string> reply;
+    int error;
   };
 
   bool Init(Endpoint endpoint);
   bool CheckServer();
-  CallResult Call(const char* name, MIVOParams* params, int key, int timeout);
-  // As SendMsg, for the library itself, which has to know what it must free.
-  CallResult CallSerialised(const char* name, MIVOParams* params, int key, int timeout);
+  // A call up to its reply. The library's own calls end here: nobody can free a reply that is in no table.
+  Answer Ask(const char* name, const MIVOParams* params, int call_key, int timeout);
+  Answer AskInTurn(const char* name, const MIVOParams* params, int call_key, int timeout);
+  bool SendSlices(const std::string& whole, int key, int call_key, int timeout);
 
   // RequestServer.
   void Serve(const Request& request, MIVOParams* reply) override;
 
   std::shared_ptr<Session> CurrentSession();
-  void SetSession(std::shared_ptr<Session> session);
+  void BeginSession(std::shared_ptr<Session> session);
   void DropSession(const std::shared_ptr<Session>& session);
 
   const ProcessMark process_;
   PrintObject print_;
-  HandlerTable handlers_{HandlerTable::SecondRegistration::kIsIgnored};
+  HandlerTable handlers_{HandlerTable::Rules::kOfAClient};
   ReplyTable replies_{ReplyTable::Retention::kUntilNextCall};
   ReplyTable large_replies_{ReplyTable::Retention::kUntilNextCall};
   RecvLargeDataClient large_data_receiver_;
   ServerClosed server_closed_;
   Presence callers_;
 
-  Mutex init_mutex_;  // one Init at a time, its handshake included
-  Mutex session_mutex_;
+  Mutex init_mutex_;     // one Init at a time, its handshake included
+  Mutex session_mutex_;  // also makes one step of a session's beginning and end and those of the handler table
   std::shared_ptr<Session> session_ MIVO_GUARDED_BY(session_mutex_);
 };
 

@@ -43,12 +43,13 @@ bool Session::Connect() {
 std::optional<std::string> Session::Call(std::string_view name, const MIVOParams* params, int key, int timeout_ms) {
   Waiter waiter(parts_.client, connection_->id(), key, timeout_ms);
   Frame request(EncodeRequest(name, key, params, waiter.token()));
+  parts_.replies.BeginCall(key);
   if (InThread()) {
     outgoing_.DrainNow();
     connection_->Send(std::move(request));
     return std::nullopt;
   }
-  return AwaitReply(waiters_, waiter, [&] { return outgoing_.Push({std::move(request), key, nullptr}); });
+  return AwaitReply(waiters_, waiter, [&] { return outgoing_.Push({std::move(request), key, false, nullptr}); });
 }
 
 void Session::Post(std::string_view name, const MIVOParams* params, int key) {
@@ -59,8 +60,13 @@ void Session::Post(std::string_view name, const MIVOParams* params, int key) {
     connection_->Send(std::move(request));
     return;
   }
+  if (EventLoop::InAnyThread()) {
+    // Two loop threads that post to each other's connections would wait for one another.
+    outgoing_.Push({std::move(request), key, true, nullptr});
+    return;
+  }
   OneShot written;
-  if (outgoing_.Push({std::move(request), key, &written})) written.Wait();
+  if (outgoing_.Push({std::move(request), key, true, &written})) written.Wait();
 }
 
 std::optional<std::string> Session::CallLarge(int key, int timeout_ms, const std::function<void()>& send) {
@@ -74,7 +80,7 @@ std::optional<std::string> Session::CallLarge(int key, int timeout_ms, const std
 
 void Session::Close(Handlers handlers) {
   if (handlers == Handlers::kRelease) release_handlers_ = true;
-  close_wanted_ = true;
+  ending_ = true;
   // Too early or too late, the wake-up goes nowhere: a loop that is not open yet looks at the wish when it is.
   close_request_.Send();
 }
@@ -115,7 +121,7 @@ void Session::RunThread() {
   }
   loop_.Close();
   // Nothing runs any more. CloseClient may have found a handler running and left this to us.
-  parts_.handlers.Release();
+  closed_handlers_.Delete();
 }
 
 bool Session::OpenLoop() {
@@ -127,10 +133,11 @@ bool Session::OpenLoop() {
 }
 
 bool Session::ConnectStream() {
-  if (close_wanted_) return false;
+  if (ending_) return false;
   connector_.Start();
   loop_.RunUntil([this] { return connector_.state() != Connector::State::kConnecting; });
-  return connector_.state() == Connector::State::kConnected;
+  // One turn of the loop may bring the connection and, after it, the close.
+  return connector_.state() == Connector::State::kConnected && !connection_->is_closed();
 }
 
 bool Session::StartServing() {
@@ -144,7 +151,7 @@ bool Session::StartServing() {
 
 void Session::AsyncClose() {
   // While connecting, ending the stream ends the attempt.
-  if (connector_.state() == Connector::State::kConnecting) {
+  if (!is_up_) {
     connection_->Close();
     return;
   }
@@ -160,8 +167,8 @@ void Session::CloseClient() {
   ShutQueueAndWakeCalls();
   work_.DropWaiting();
   if (release_handlers_) {
-    parts_.handlers.Close(nullptr);
-    if (work_.IsIdle() && notices_running_ == 0) parts_.handlers.Release();
+    closed_handlers_ = parts_.handlers.Close();
+    if (work_.IsIdle() && notices_running_ == 0) closed_handlers_.Delete();
   }
   CloseHandles();
   parts_.replies.Retire();
@@ -189,10 +196,9 @@ void Session::SendQueued(std::vector<Outgoing> queued) {
     connection_->Send(std::move(outgoing.frame));
   const bool is_sent = connection_->Flush();
   for (const Outgoing& outgoing : queued) {
-    if (outgoing.written == nullptr) continue;
     // A dropped post will not be answered.
-    if (!is_sent) posts_.TakeAnswer(outgoing.key);
-    outgoing.written->Set();
+    if (outgoing.is_post && !is_sent) posts_.TakeAnswer(outgoing.key);
+    if (outgoing.written != nullptr) outgoing.written->Set();
   }
 }
 
@@ -234,6 +240,8 @@ void Session::DeliverReply(const Envelope& envelope, std::string_view payload) {
 }
 
 void Session::OnEnd(Connection& connection, int) {
+  // A client that is initialised again from now on does not take this connection for one that stands.
+  ending_ = true;
   parts_.print.Debug("Server Closed: %d\n", connection.id());
   RunNotice(kClosedNotice);
   RunNotice(kBuiltinClosedNotice);

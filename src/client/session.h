@@ -63,16 +63,18 @@ class Session : private Connection::Owner {
   // Any thread. True from the connect until the connection ends or is closed.
   bool is_connected() const { return connected_; }
 
+  // Any thread. True from the moment the end is certain: the connection was seen to end, or a close was asked for. It may
+  // still be connected, while notices run.
+  bool is_ending() const { return ending_; }
+
   // Any thread. Whether this is the session's own loop thread.
   bool InThread() const { return loop_.InThread(); }
 
-  // The connection's id, as notices and handlers see it.
-  int connection_id() const { return connection_->id(); }
-
-  // Any thread. Sends a request and waits for its reply; nothing if none came. On the loop thread it is sent only.
+  // Any thread. Sends a request and waits for its reply; nothing if none came. On the loop thread it is sent only. What
+  // earlier calls under the key have returned is dropped when `params` has been read, for it may be among that.
   std::optional<std::string> Call(std::string_view name, const MIVOParams* params, int key, int timeout_ms);
 
-  // Any thread. Returns once the request is on its way, or cannot be sent.
+  // Any thread. Returns once the request is on its way, or cannot be sent; on a loop thread at once.
   void Post(std::string_view name, const MIVOParams* params, int key);
 
   // Any thread. Runs `send`, which sends a large request, and waits for the result under `key` that DeliverLargeResult
@@ -94,7 +96,8 @@ class Session : private Connection::Owner {
   struct Outgoing {
     Frame frame;
     int key;
-    OneShot* written;  // null for calls, which wait for their replies
+    bool is_post;
+    OneShot* written;  // null if nobody waits for that
   };
 
   // Loop thread, all of these.
@@ -134,8 +137,9 @@ class Session : private Connection::Owner {
 
   // Written by the loop thread; read by any thread. Set before started_ is, cleared before waiting calls are woken.
   std::atomic<bool> connected_{false};
-  // Written by whoever closes, before the wake-up that makes the loop thread read them.
-  std::atomic<bool> close_wanted_{false};
+  // Written by whoever closes, before the wake-up that makes the loop thread read them; the first by the loop thread too,
+  // when the connection ends.
+  std::atomic<bool> ending_{false};
   std::atomic<bool> release_handlers_{false};
 
   // Written by the loop thread before started_ is set: whether the session came about.
@@ -143,6 +147,7 @@ class Session : private Connection::Owner {
 
   // Loop thread only.
   int notices_running_ = 0;
+  ClosedHandlers closed_handlers_;
 };
 
 }  // namespace mivo

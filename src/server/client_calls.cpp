@@ -54,11 +54,13 @@ std::optional<std::string> ClientCalls::Call(int client_id, std::string_view nam
 
 void ClientCalls::Post(int client_id, std::string_view name, const MIVOParams* params, int key) {
   OneShot written;
-  Outgoing request{client_id, Frame(EncodeRequest(name, key, params, 0)), 0, &written};
+  // Two loop threads that post through each other's objects would wait for one another.
+  const bool may_wait = !EventLoop::InAnyThread();
+  Outgoing request{client_id, Frame(EncodeRequest(name, key, params, 0)), 0, may_wait ? &written : nullptr};
   if (loop_.InThread()) {
     outgoing_.DrainNow();
     SendNow(client_id, std::move(request.frame));
-  } else if (outgoing_.Push(std::move(request))) {
+  } else if (outgoing_.Push(std::move(request)) && may_wait) {
     written.Wait();
   }
 }

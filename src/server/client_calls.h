@@ -40,7 +40,7 @@ class ClientCalls {
   std::optional<std::string> Call(int client_id, std::string_view name, const MIVOParams* params, int key,
                                   int timeout_ms);
 
-  // Any thread. Returns once the request is on its way, or cannot be sent.
+  // Any thread. Returns once the request is on its way, or cannot be sent; on a loop thread at once.
   void Post(int client_id, std::string_view name, const MIVOParams* params, int key);
 
   // Loop thread. A client has answered.
@@ -54,7 +54,7 @@ class ClientCalls {
     int client_id;
     Frame frame;
     std::uintptr_t token;  // of the caller that waits for the reply; 0 for a post
-    OneShot* written;      // null for calls
+    OneShot* written;      // null if nobody waits for that
   };
 
   void SendQueued(std::vector<Outgoing> queued);

@@ -4,10 +4,10 @@
 #include <unistd.h>
 
 #include <cstring>
-#include <thread>
 #include <utility>
 
 #include "base/call_key.h"
+#include "base/detached_thread.h"
 #include "base/handler_scope.h"
 #include "base/one_shot.h"
 #include "largedata/slice_size.h"
@@ -263,7 +263,8 @@ void DestroyServer(IServer* server) {
   if (own != nullptr && !own->IsOfThisProcess()) return;
   if (own != nullptr && own->IsInsideItself()) {
     // The end has to wait for the handler that we are called from.
-    std::thread(destroy).detach();
+    // Without a thread for it, it only ends, and its memory is lost.
+    if (!mivo::RunDetached(destroy)) server->closeasync();
   } else {
     destroy();
   }

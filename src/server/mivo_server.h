@@ -70,7 +70,7 @@ class MIVOServer : public IServer {
 
   const ProcessMark process_;
   PrintObject print_;
-  HandlerTable handlers_{HandlerTable::SecondRegistration::kReplaces};
+  HandlerTable handlers_{HandlerTable::Rules::kOfAServer};
   ReplyTable replies_{ReplyTable::Retention::kStale};
   Dispatch dispatch_;
   const std::unique_ptr<RecvLargeDataServer> slice_header_receiver_;

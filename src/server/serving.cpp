@@ -78,7 +78,7 @@ void Serving::Run() {
     loop_.Run();
     loop_.Close();
     // Nothing runs any more. CloseHere may have found a handler running and left this to us.
-    parts_.handlers.Release();
+    closed_handlers_.Delete();
   }
   ReleaseLoop();
 }
@@ -106,8 +106,9 @@ void Serving::CloseHere() {
   if (!running_ || std::exchange(closing_, true)) return;
   parts_.print.Debug("Server Closing!\n");
   work_.DropWaiting();
-  if (parts_.handlers.Close(parts_.print.sink())) parts_.print.SetSink(nullptr);
-  if (work_.IsIdle() && notices_running_ == 0) parts_.handlers.Release();
+  closed_handlers_ = parts_.handlers.Close();
+  if (closed_handlers_.Contains(parts_.print.sink())) parts_.print.SetSink(nullptr);
+  if (work_.IsIdle() && notices_running_ == 0) closed_handlers_.Delete();
   parts_.replies.Retire();
   running_ = false;
   CloseHandles();

@@ -87,6 +87,7 @@ class Serving {
   // Loop thread only.
   bool closing_ = false;
   int notices_running_ = 0;
+  ClosedHandlers closed_handlers_;
 
   // Written by the holder of the loop, read by any thread.
   std::atomic<bool> running_{false};

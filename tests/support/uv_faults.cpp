@@ -8,8 +8,10 @@
 
 #include <atomic>
 #include <cerrno>
+#include <functional>
 #include <map>
 #include <mutex>
+#include <utility>
 
 namespace mivo_test {
 namespace {
@@ -20,6 +22,7 @@ struct Plan {
   int error = 0;
   int calls = 0;
   int failures = 0;
+  std::function<void()> hook;
   std::vector<std::chrono::steady_clock::time_point> times;
 };
 
@@ -44,10 +47,15 @@ std::atomic<bool>& ArmedOf(Fault fault) {
 // The error this call has to return; 0: it goes through.
 int ErrorOfThisCall(Fault fault) {
   if (!ArmedOf(fault).load(std::memory_order_relaxed)) return 0;
-  std::lock_guard<std::mutex> lock(Lock());
+  std::unique_lock<std::mutex> lock(Lock());
   Plan& plan = PlanOf(fault);
   // Disarmed meanwhile.
   if (!ArmedOf(fault).load(std::memory_order_relaxed)) return 0;
+  if (const std::function<void()> hook = std::exchange(plan.hook, nullptr)) {
+    lock.unlock();
+    hook();
+    return 0;
+  }
   ++plan.calls;
   plan.times.push_back(std::chrono::steady_clock::now());
   if (plan.calls < plan.first || plan.calls >= plan.first + plan.count) return 0;
@@ -81,11 +89,23 @@ void OnConnection(uv_stream_t* listener, int status) {
 
 ScopedFault::ScopedFault(Fault fault, int first, int count, int error) : fault_(fault) {
   std::lock_guard<std::mutex> lock(Lock());
-  PlanOf(fault_) = Plan{first, count, error, 0, 0, {}};
+  PlanOf(fault_) = Plan{first, count, error, 0, 0, {}, {}};
   ArmedOf(fault_).store(true, std::memory_order_relaxed);
 }
 
 ScopedFault::~ScopedFault() {
+  std::lock_guard<std::mutex> lock(Lock());
+  ArmedOf(fault_).store(false, std::memory_order_relaxed);
+  PlanOf(fault_) = Plan();
+}
+
+ScopedHook::ScopedHook(Fault fault, std::function<void()> hook) : fault_(fault) {
+  std::lock_guard<std::mutex> lock(Lock());
+  PlanOf(fault_) = Plan{0, 0, 0, 0, 0, std::move(hook), {}};
+  ArmedOf(fault_).store(true, std::memory_order_relaxed);
+}
+
+ScopedHook::~ScopedHook() {
   std::lock_guard<std::mutex> lock(Lock());
   ArmedOf(fault_).store(false, std::memory_order_relaxed);
   PlanOf(fault_) = Plan();

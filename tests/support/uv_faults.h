@@ -4,6 +4,7 @@
 #define MIVO_TESTS_SUPPORT_UV_FAULTS_H_
 
 #include <chrono>
+#include <functional>
 #include <vector>
 
 namespace mivo_test {
@@ -45,6 +46,18 @@ class ScopedFault {
 
   // When each call was made.
   std::vector<std::chrono::steady_clock::time_point> times() const;
+
+ private:
+  const Fault fault_;
+};
+
+// While it lives, the next call of the function first runs `hook`, on the thread that calls; then it goes through.
+class ScopedHook {
+ public:
+  ScopedHook(Fault fault, std::function<void()> hook);
+  ScopedHook(const ScopedHook&) = delete;
+  ScopedHook& operator=(const ScopedHook&) = delete;
+  ~ScopedHook();
 
  private:
   const Fault fault_;

@@ -37,7 +37,7 @@ struct Server {
   EventLoop loop;
   NoOwner owner;
   PrintObject print{this};
-  HandlerTable handlers{HandlerTable::SecondRegistration::kReplaces};
+  HandlerTable handlers{HandlerTable::Rules::kOfAServer};
   Dispatch dispatch{this, print, handlers};
   const std::shared_ptr<Connection> client = std::make_shared<Connection>(loop, owner, 42);
 

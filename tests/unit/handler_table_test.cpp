@@ -17,9 +17,9 @@ namespace {
 using mivo_test::Deletions;
 using mivo_test::LambdaMethod;
 using mivo_test::LambdaMethodAll;
-using SecondRegistration = HandlerTable::SecondRegistration;
+using Rules = HandlerTable::Rules;
 
-constexpr SecondRegistration kBoth[] = {SecondRegistration::kIsIgnored, SecondRegistration::kReplaces};
+constexpr Rules kBoth[] = {Rules::kOfAClient, Rules::kOfAServer};
 
 LambdaMethod* NewMethod(Deletions& deletions) {
   return new LambdaMethod(nullptr, &deletions);
@@ -29,13 +29,12 @@ LambdaMethodAll* NewCatchAll(Deletions& deletions) {
 }
 
 void End(HandlerTable& table) {
-  table.Close(nullptr);
-  table.Release();
+  table.Close().Delete();
 }
 
 TEST(HandlerTable, FindsWhatIsRegistered) {
-  for (const SecondRegistration second : kBoth) {
-    HandlerTable table(second);
+  for (const Rules rules : kBoth) {
+    HandlerTable table(rules);
     Deletions deletions;
     LambdaMethod* const one = NewMethod(deletions);
     LambdaMethod* const two = NewMethod(deletions);
@@ -54,7 +53,7 @@ TEST(HandlerTable, FindsWhatIsRegistered) {
 }
 
 TEST(HandlerTable, TakesNoNameForTheEmptyOne) {
-  HandlerTable table(SecondRegistration::kReplaces);
+  HandlerTable table(Rules::kOfAServer);
   Deletions deletions;
   LambdaMethod* const handler = NewMethod(deletions);
   table.Register(nullptr, handler);
@@ -63,8 +62,8 @@ TEST(HandlerTable, TakesNoNameForTheEmptyOne) {
 }
 
 TEST(HandlerTable, TakesNoHandlerForNotRegistered) {
-  for (const SecondRegistration second : kBoth) {
-    HandlerTable table(second);
+  for (const Rules rules : kBoth) {
+    HandlerTable table(rules);
     table.Register("name", nullptr);
     table.RegisterCatchAll(nullptr);
     EXPECT_EQ(table.Find("name"), nullptr);
@@ -74,7 +73,7 @@ TEST(HandlerTable, TakesNoHandlerForNotRegistered) {
 }
 
 TEST(HandlerTable, OfAClientKeepsTheFirstRegistration) {
-  HandlerTable table(SecondRegistration::kIsIgnored);
+  HandlerTable table(Rules::kOfAClient);
   Deletions first_deletions;
   Deletions second_deletions;
   LambdaMethod* const first = NewMethod(first_deletions);
@@ -96,7 +95,7 @@ TEST(HandlerTable, OfAClientKeepsTheFirstRegistration) {
 }
 
 TEST(HandlerTable, OfAServerKeepsTheLastRegistration) {
-  HandlerTable table(SecondRegistration::kReplaces);
+  HandlerTable table(Rules::kOfAServer);
   Deletions first_deletions;
   Deletions second_deletions;
   LambdaMethod first(nullptr, &first_deletions);
@@ -118,7 +117,7 @@ TEST(HandlerTable, OfAServerKeepsTheLastRegistration) {
 }
 
 TEST(HandlerTable, OfAServerTakesAHandlerAwayForNone) {
-  HandlerTable table(SecondRegistration::kReplaces);
+  HandlerTable table(Rules::kOfAServer);
   Deletions deletions;
   LambdaMethod handler(nullptr, &deletions);
   table.Register("name", &handler);
@@ -129,8 +128,8 @@ TEST(HandlerTable, OfAServerTakesAHandlerAwayForNone) {
 }
 
 TEST(HandlerTable, LeavesBuiltinHandlersToTheirOwner) {
-  for (const SecondRegistration second : kBoth) {
-    HandlerTable table(second);
+  for (const Rules rules : kBoth) {
+    HandlerTable table(rules);
     Deletions builtin_deletions;
     Deletions deletions;
     LambdaMethod builtin(nullptr, &builtin_deletions);
@@ -145,7 +144,7 @@ TEST(HandlerTable, LeavesBuiltinHandlersToTheirOwner) {
 }
 
 TEST(HandlerTable, LetsAnApplicationTakeTheNameOfABuiltinHandlerOnAServer) {
-  HandlerTable table(SecondRegistration::kReplaces);
+  HandlerTable table(Rules::kOfAServer);
   Deletions builtin_deletions;
   Deletions deletions;
   LambdaMethod builtin(nullptr, &builtin_deletions);
@@ -161,28 +160,27 @@ TEST(HandlerTable, LetsAnApplicationTakeTheNameOfABuiltinHandlerOnAServer) {
 }
 
 TEST(HandlerTable, FindsNothingOnceClosed) {
-  for (const SecondRegistration second : kBoth) {
-    HandlerTable table(second);
+  for (const Rules rules : kBoth) {
+    HandlerTable table(rules);
     Deletions deletions;
     table.Register("name", NewMethod(deletions));
     table.RegisterCatchAll(NewCatchAll(deletions));
-    table.Close(nullptr);
+    ClosedHandlers closed = table.Close();
     EXPECT_EQ(table.Find("name"), nullptr);
     EXPECT_EQ(table.CatchAll(), nullptr);
     // A handler may still be running: nothing is deleted yet.
     EXPECT_EQ(deletions.count, 0);
-    table.Release();
+    closed.Delete();
     EXPECT_EQ(deletions.count, 2);
-    table.Release();
-    table.Close(nullptr);
-    table.Release();
+    closed.Delete();
+    End(table);
     EXPECT_EQ(deletions.count, 2);
   }
 }
 
 TEST(HandlerTable, DeletesAHandlerOfTwoNamesOnce) {
-  for (const SecondRegistration second : kBoth) {
-    HandlerTable table(second);
+  for (const Rules rules : kBoth) {
+    HandlerTable table(rules);
     Deletions deletions;
     LambdaMethod* const handler = NewMethod(deletions);
     table.Register("one", handler);
@@ -193,15 +191,15 @@ TEST(HandlerTable, DeletesAHandlerOfTwoNamesOnce) {
 }
 
 TEST(HandlerTable, DeletesOnlyWhatWasThereWhenItClosed) {
-  for (const SecondRegistration second : kBoth) {
-    HandlerTable table(second);
+  for (const Rules rules : kBoth) {
+    HandlerTable table(rules);
     Deletions before;
     Deletions meanwhile;
     table.Register("before", NewMethod(before));
-    table.Close(nullptr);
+    ClosedHandlers closed = table.Close();
     LambdaMethod* const handler = NewMethod(meanwhile);
     table.Register("meanwhile", handler);
-    table.Release();
+    closed.Delete();
     EXPECT_EQ(before.count, 1);
     EXPECT_EQ(meanwhile.count, 0);
     EXPECT_EQ(table.Find("meanwhile"), nullptr);
@@ -213,19 +211,62 @@ TEST(HandlerTable, DeletesOnlyWhatWasThereWhenItClosed) {
   }
 }
 
-TEST(HandlerTable, DeletesWhatTwoClosesTookOutBeforeItWasReleased) {
-  HandlerTable table(SecondRegistration::kIsIgnored);
-  Deletions deletions;
-  table.Register("one", NewMethod(deletions));
-  table.Close(nullptr);
-  table.Register("two", NewMethod(deletions));
-  table.Close(nullptr);
-  table.Release();
-  EXPECT_EQ(deletions.count, 2);
+TEST(HandlerTable, GivesEachCloseWhatWasRegisteredBeforeIt) {
+  HandlerTable table(Rules::kOfAClient);
+  Deletions first;
+  Deletions second;
+  table.Register("one", NewMethod(first));
+  ClosedHandlers closed_first = table.Close();
+  table.Register("two", NewMethod(second));
+  {
+    const ClosedHandlers closed_second = table.Close();
+    EXPECT_EQ(second.count, 0);
+  }
+  EXPECT_EQ(second.count, 1) << "at the latest with the set";
+  EXPECT_EQ(first.count, 0) << "somebody else's";
+  closed_first = ClosedHandlers();
+  EXPECT_EQ(first.count, 1);
+}
+
+TEST(HandlerTable, KeepsItsBuiltinHandlersThroughAClose) {
+  for (const Rules rules : kBoth) {
+    HandlerTable table(rules);
+    LambdaMethod builtin(nullptr);
+    LambdaMethod taker(nullptr);
+    table.RegisterBuiltin("builtin", &builtin);
+    End(table);
+    if (rules == Rules::kOfAClient) table.Register("builtin", &taker);
+    table.Open();
+    EXPECT_EQ(table.Find("builtin"), &builtin) << "and nobody takes its name on a client";
+  }
+}
+
+TEST(HandlerTable, DeletesAnObjectThatIsMethodAndCatchAllOnce) {
+  class Both : public IServerMethod, public IMethodAll {
+   public:
+    explicit Both(int* deletions) : deletions_(deletions) {}
+    ~Both() override { ++*deletions_; }
+    Both(const Both&) = delete;
+    Both& operator=(const Both&) = delete;
+    void OnCall(int, MIVOParams*, MIVOParams*) override {}
+    void OnCall(const char*, int, MIVOParams*, MIVOParams*) override {}
+
+   private:
+    int* const deletions_;
+  };
+  for (const Rules rules : kBoth) {
+    HandlerTable table(rules);
+    int deletions = 0;
+    Both* const both = new Both(&deletions);
+    table.Register("name", both);
+    table.RegisterCatchAll(both);
+    End(table);
+    EXPECT_EQ(deletions, 1);
+  }
 }
 
 TEST(HandlerTable, OfAClientForgetsTheHandlersThatItDoesNotOwn) {
-  HandlerTable table(SecondRegistration::kIsIgnored);
+  HandlerTable table(Rules::kOfAClient);
   Deletions deletions;
   LambdaMethod handler(nullptr, &deletions);
   LambdaMethodAll catch_all(nullptr, &deletions);
@@ -240,7 +281,7 @@ TEST(HandlerTable, OfAClientForgetsTheHandlersThatItDoesNotOwn) {
 }
 
 TEST(HandlerTable, OfAServerFindsTheHandlersThatItDoesNotOwnAfterTheNextStart) {
-  HandlerTable table(SecondRegistration::kReplaces);
+  HandlerTable table(Rules::kOfAServer);
   Deletions deletions;
   LambdaMethod handler(nullptr, &deletions);
   LambdaMethodAll catch_all(nullptr, &deletions);
@@ -257,35 +298,34 @@ TEST(HandlerTable, OfAServerFindsTheHandlersThatItDoesNotOwnAfterTheNextStart) {
 }
 
 TEST(HandlerTable, SaysWhetherAHandlerIsAmongThoseToBeDeleted) {
-  for (const SecondRegistration second : kBoth) {
+  for (const Rules rules : kBoth) {
     Deletions deletions;
     {
-      HandlerTable table(second);
+      HandlerTable table(rules);
       LambdaMethod* const handler = NewMethod(deletions);
       table.Register("name", handler);
-      EXPECT_TRUE(table.Close(handler));
-      table.Release();
+      EXPECT_TRUE(table.Close().Contains(handler));
     }
     {
-      HandlerTable table(second);
+      HandlerTable table(rules);
       LambdaMethod other(nullptr);
       table.Register("name", NewMethod(deletions));
-      EXPECT_FALSE(table.Close(&other));
-      EXPECT_FALSE(table.Close(nullptr));
-      table.Release();
+      const ClosedHandlers closed = table.Close();
+      EXPECT_FALSE(closed.Contains(&other));
+      EXPECT_FALSE(closed.Contains(nullptr));
     }
     {
-      HandlerTable table(second);
+      HandlerTable table(rules);
       LambdaMethod handler(nullptr);
       table.RegisterBuiltin("builtin", &handler);
-      EXPECT_FALSE(table.Close(&handler));
+      EXPECT_FALSE(table.Close().Contains(&handler));
     }
     {
-      HandlerTable table(second);
+      HandlerTable table(rules);
       LambdaMethod handler(nullptr);
       table.KeepHandlers();
       table.Register("name", &handler);
-      EXPECT_FALSE(table.Close(&handler));
+      EXPECT_FALSE(table.Close().Contains(&handler));
     }
   }
 }
@@ -302,20 +342,19 @@ TEST(HandlerTable, MayBeUsedByTheDestructorsOfItsHandlers) {
    private:
     const std::function<void()> last_words_;
   };
-  HandlerTable table(SecondRegistration::kReplaces);
+  HandlerTable table(Rules::kOfAServer);
   bool was_heard = false;
   table.Register("name", new Chatty([&] {
                    was_heard = true;
                    EXPECT_EQ(table.Find("name"), nullptr);
-                   table.Close(nullptr);
-                   table.Release();
+                   End(table);
                  }));
   End(table);
   EXPECT_TRUE(was_heard);
 }
 
 TEST(HandlerTable, MayBeUsedBySeveralThreads) {
-  HandlerTable table(SecondRegistration::kReplaces);
+  HandlerTable table(Rules::kOfAServer);
   LambdaMethod handlers[4] = {LambdaMethod(nullptr), LambdaMethod(nullptr), LambdaMethod(nullptr),
                               LambdaMethod(nullptr)};
   LambdaMethodAll catch_all(nullptr);
