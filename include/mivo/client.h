@@ -15,7 +15,8 @@ class MIVOParams;
 //   notice) a call never waits: it is sent, and comes back with "errorCode" -1001.
 // Blocking: Init*, SendMsg*, PostMsg* and close block as told at each. A call ends when its reply is there, its
 //   time-out has passed, the connection has ended or the client is closed. SendMsg, PostMsg, the slices of SendMsgEx
-//   and the version check of Init* take turns in the whole process; the time-out begins when the call has its turn.
+//   and the version check of Init* take turns in the whole process, except on loop threads; the time-out begins with
+//   the turn.
 // Call key: a non-zero `key` names the call; 0 means the calling thread's id. Two calls in flight at one time should
 //   not share a key.
 // Replies: a set returned by a call belongs to the client and stays valid until the next call with the same key starts,
@@ -62,12 +63,14 @@ class MIVO_EXPORT IClient {
 
   // The same for arguments and results of any size, which travel in slices. `params` is emptied (unless the client was
   // not connected). One SendMsgEx runs at a time in the process. `timeout` counts from the beginning, but the call
-  // does not end before all slices are sent, each of which waits for its answer for at most about 600 ms. A result that comes after its call has timed out
-  // may be taken for the result of the next SendMsgEx with the same key: give such calls keys of their own.
+  // does not end before all slices are sent, each of which waits for its answer for at most about 600 ms. A result that
+  // comes after its call has timed out may be taken for the result of the next SendMsgEx with the same key: give such
+  // calls keys of their own.
   virtual MIVOParams* SendMsgEx(const char* name, MIVOParams* params, int key, int timeout) = 0;
 
-  // Sends a call nobody waits for and returns 0 once it was handed to the kernel (or was dropped because there is no
-  // connection). Posts and calls of one thread keep their order. PostMsgFast does not queue behind a running SendMsg.
+  // Sends a call nobody waits for and returns 0 once it is on its way (or was dropped because there is no connection);
+  // on a loop thread at once. What a peer does not read waits in memory, without limit. Posts and calls of one thread
+  // keep their order. PostMsgFast does not queue behind a running SendMsg.
   virtual int PostMsg(const char* name, MIVOParams* params, int key) = 0;
   virtual int PostMsgFast(const char* name, MIVOParams* params, int key) = 0;
 

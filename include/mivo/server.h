@@ -12,7 +12,7 @@ class MIVOParams;
 //
 // Threads: every operation may be called from any thread, from handlers and from notices; only destruction must not
 //   race with other operations. Init* serves on a thread of the server's own; Start* and run() on the caller's.
-// Blocking: Init*, run, close and SendMsg as told at each; PostMsg until the frame was handed to the kernel.
+// Blocking: Init*, run, close and SendMsg as told at each; PostMsg until the call is on its way.
 // Call key: as for IClient.
 // Replies: a set returned by SendMsg belongs to the server and stays valid until the next call with the same key,
 //   ClearRetvalMem, the close of a later start, or destruction. Do not delete it.
@@ -55,8 +55,8 @@ class MIVO_EXPORT IServer {
 
   // Closes: no new work, connections ended, calls to clients woken, handlers deleted (see SetCustomReleaseEvent). On
   // the thread that serves, and when none does, it happens at once; any other asks that thread and waits until it has
-  // left the loop, so that no handler runs any more. In a handler it only begins. On a server that is already closing it
-  // returns at once; DestroyServer waits for the end. Always true.
+  // left the loop, so that no handler runs any more. In a handler it only begins. On a server that is already closing
+  // it returns at once; DestroyServer waits for the end. Always true.
   virtual bool close() = 0;
 
   // Asks the serving thread to close and returns after about 10 ms without waiting for the end. Always true.
@@ -69,7 +69,7 @@ class MIVO_EXPORT IServer {
   // call is sent and not waited for.
   virtual MIVOParams* SendMsg(int clientId, const char* name, MIVOParams* params, int key, int timeout) = 0;
 
-  // Sends a call nobody waits for; returns 0 once it was handed to the kernel or dropped.
+  // Sends a call nobody waits for; returns 0 once it is on its way or was dropped, on a loop thread at once.
   virtual int PostMsg(int clientId, const char* name, MIVOParams* params, int key) = 0;
 
   // Sets the level of the diagnostic lines, as IClient::log. No file is opened.

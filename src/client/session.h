@@ -63,8 +63,8 @@ class Session : private Connection::Owner {
   // Any thread. True from the connect until the connection ends or is closed.
   bool is_connected() const { return connected_; }
 
-  // Any thread. True from the moment the end is certain: the connection was seen to end, or a close was asked for. It may
-  // still be connected, while notices run.
+  // Any thread. True from the moment the end is certain: the connection was seen to end, or a close was asked for. It
+  // may still be connected, while notices run.
   bool is_ending() const { return ending_; }
 
   // Any thread. Whether this is the session's own loop thread.
@@ -137,8 +137,8 @@ class Session : private Connection::Owner {
 
   // Written by the loop thread; read by any thread. Set before started_ is, cleared before waiting calls are woken.
   std::atomic<bool> connected_{false};
-  // Written by whoever closes, before the wake-up that makes the loop thread read them; the first by the loop thread too,
-  // when the connection ends.
+  // Written by whoever closes, before the wake-up that makes the loop thread read them; the first by the loop thread
+  // too, when the connection ends.
   std::atomic<bool> ending_{false};
   std::atomic<bool> release_handlers_{false};
 

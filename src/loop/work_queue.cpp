@@ -12,8 +12,8 @@ namespace mivo {
 
 namespace {
 
-// At exit libuv takes its pool down, while loop threads may still be reading requests. This library, which needs libuv, is
-// taken down before it: that is the moment from which nobody may come near the pool.
+// At exit libuv takes its pool down, while loop threads may still be reading requests. This library, which needs libuv,
+// is taken down before it: that is the moment from which nobody may come near the pool.
 class PoolGate {
  public:
   // Calls `use`, unless the gate is closed.

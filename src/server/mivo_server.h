@@ -24,8 +24,8 @@ namespace mivo {
 
 class Serving;
 
-// See IServer. Virtual operations call each other through the table, so that a subclass can stand in for any of them; it
-// has to be closed, and its loop thread gone, before its destructor begins.
+// See IServer. Virtual operations call each other through the table, so that a subclass can stand in for any of them;
+// it has to be closed, and its loop thread gone, before its destructor begins.
 class MIVOServer : public IServer {
  public:
   MIVOServer();

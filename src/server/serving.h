@@ -49,8 +49,8 @@ class Serving {
   // Serves on the calling thread until closed. While another thread serves: waits for its end.
   void Run();
 
-  // Any thread. Closes here and now if this is the thread that serves, or nobody serves; otherwise asks and, with `wait`,
-  // waits until that thread has left, and with it every handler.
+  // Any thread. Closes here and now if this is the thread that serves, or nobody serves; otherwise asks and, with
+  // `wait`, waits until that thread has left, and with it every handler.
   enum class Wait { kNo, kUntilEnded };
   void Close(Wait wait);
 

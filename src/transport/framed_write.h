@@ -10,9 +10,9 @@
 
 namespace mivo {
 
-// Loop thread. Hands `frames`, at least one, to libuv in one request: what the kernel takes at once is gone when this returns, the
-// rest follows in order. A refused request is tried three times more, a millisecond apart; then the frames are dropped,
-// "write error" is printed for each, and the last result is returned. The stream stays as it is.
+// Loop thread. Hands `frames`, at least one, to libuv in one request: what the kernel takes at once is gone when this
+// returns, the rest follows in order. A refused request is tried three times more, a millisecond apart; then the frames
+// are dropped, "write error" is printed for each, and the last result is returned. The stream stays as it is.
 //
 // A write that fails later is reported on standard output, once for each of its frames.
 int FramedWrite(uv_stream_t* stream, std::vector<Frame> frames);
