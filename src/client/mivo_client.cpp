@@ -54,7 +54,7 @@ MIVOClient::MIVOClient()
         if (session && session->DeliverLargeResult(key, &result)) return;
         large_replies_.Store(key, std::move(result));
       }) {
-  handlers_.RegisterBuiltin(kSliceMethod, &large_data_receiver_);
+  handlers_.RegisterInOrder(kSliceMethod, &large_data_receiver_);
   handlers_.RegisterBuiltin(kBuiltinClosedNotice, &server_closed_);
 }
 
@@ -89,7 +89,7 @@ bool MIVOClient::Init(Endpoint endpoint) {
     old->Join();
   }
   handlers_.Open();
-  handlers_.RegisterBuiltin(kSliceMethod, &large_data_receiver_);
+  handlers_.RegisterInOrder(kSliceMethod, &large_data_receiver_);
   handlers_.RegisterBuiltin(kBuiltinClosedNotice, &server_closed_);
 
   // Known before it connects, so that a close can end the attempt.
@@ -270,7 +270,7 @@ void MIVOClient::ClearRetvalMem() {
 }
 
 void MIVOClient::Serve(const Request& request, MIVOParams* reply) {
-  IServerMethod* const handler = handlers_.Find(request.name);
+  IServerMethod* const handler = FindHandler(handlers_, request);
   if (handler == nullptr) {
     // Without key and token: the server's call runs into its time-out.
     reply->AddKeyValueString(kNameKey, kRetval);

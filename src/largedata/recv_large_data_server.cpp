@@ -27,14 +27,33 @@ class NestingScope {
 
 }  // namespace
 
+class RecvLargeDataServer::Turn : public IServerMethod {
+ public:
+  Turn(RecvLargeDataServer& receiver, const Slice& slice)
+      : receiver_(receiver), slice_(receiver.partial_table_, slice) {}
+  void OnCall(int client_id, MIVOParams*, MIVOParams* reply) override {
+    receiver_.Answer(client_id, slice_.key(), slice_.Append(), reply);
+  }
+
+ private:
+  RecvLargeDataServer& receiver_;
+  PartialTable::Arrival slice_;
+};
+
 RecvLargeDataServer::RecvLargeDataServer(Dispatch dispatch, SendSlice send_slice)
     : dispatch_(std::move(dispatch)), send_slice_(std::move(send_slice)) {}
 
 void RecvLargeDataServer::OnCall(int client_id, MIVOParams* request, MIVOParams* reply) {
-  const NestingScope scope;
-  const Slice slice = ReadSlice(*request);
-  std::optional<std::string> bytes = partial_table_.Add(slice);
+  const Slice slice = ReadSlice(*request->GetParamas());
+  Answer(client_id, slice.key, partial_table_.Add(slice), reply);
+}
 
+std::unique_ptr<IServerMethod> RecvLargeDataServer::Arrive(std::string_view arguments) {
+  return std::make_unique<Turn>(*this, ReadSlice(arguments));
+}
+
+void RecvLargeDataServer::Answer(int client_id, int key, std::optional<std::string> bytes, MIVOParams* reply) {
+  const NestingScope scope;
   reply->AddKeyValueString(kNameKey, kRetval);
   if (bytes) {
     MIVOParams whole;
@@ -42,7 +61,7 @@ void RecvLargeDataServer::OnCall(int client_id, MIVOParams* request, MIVOParams*
     if (whole.ToParams()) {
       reply->AddInt(1);
       reply->AddKeyValueString(kNameKey, kRetval);
-      ServeWhole(client_id, slice.key, &whole);
+      ServeWhole(client_id, key, &whole);
     } else {
       reply->AddInt(-1);
     }

@@ -11,8 +11,13 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
+#include <cstdlib>
 #include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
 #include <vector>
 
 using namespace mivo_test;
@@ -20,6 +25,48 @@ using namespace mivo_test;
 namespace {
 
 constexpr int kLongTimeout = 120000;
+
+// Keeps every thread of the pool busy, in handlers, until it is released: what comes meanwhile piles up.
+class PoolHold {
+ public:
+  static int PoolThreads() {
+    const char* const size = std::getenv("UV_THREADPOOL_SIZE");
+    return size == nullptr ? 4 : std::max(1, std::atoi(size));
+  }
+
+  // The handler. Outlives its calls.
+  LambdaMethod::Function Handler() {
+    return [this](int, MIVOParams*, MIVOParams*) {
+      held_.Signal();
+      released_.WaitFor();
+    };
+  }
+
+  // Calls the handler, which `peer` knows as "hold", until no thread is left.
+  bool HoldAll(RawPeer* peer) {
+    for (int i = 0; i < PoolThreads(); ++i) {
+      if (!peer->SendFrame(Request({"hold", 1000 + i}))) return false;
+    }
+    return held_.WaitFor(PoolThreads());
+  }
+
+  void Release() { released_.Signal(); }
+
+ private:
+  Event held_;
+  Event released_;
+};
+
+// Sends a whole message in slices, waiting for no answer.
+bool SendInSlicesAtOnce(RawPeer* peer, int key, const std::string& whole, std::size_t slice_size) {
+  for (std::size_t at = 0; at < whole.size(); at += slice_size) {
+    const auto bytes = std::string_view(whole).substr(at, slice_size);
+    if (!peer->SendFrame(Request({"s_c_req_body", key, SliceSet(key, static_cast<int>(whole.size()), bytes)}))) {
+      return false;
+    }
+  }
+  return true;
+}
 
 // ---- The slice size
 // ---------------------------------------------------------------------------------------------------
@@ -181,6 +228,7 @@ class ClientReceiver : public testing::TestWithParam<Transport> {
     ASSERT_TRUE(TakeTransfer(&peer_, AsServer).complete);
   }
 
+  PoolHold hold_;
   ClientOfRawServer pair_{GetParam()};
   TestClient& client_ = pair_.client();
   RawPeer& peer_ = pair_.peer();
@@ -259,6 +307,18 @@ TEST_P(ClientReceiver, SlicesForSeveralKeysDoNotMix) {
   EXPECT_EQ(TextAt(call_->Get().get(), 0), "two");
 }
 
+TEST_P(ClientReceiver, TakesSlicesInTheOrderInWhichTheyCameHoweverLateThePoolGetsToThem) {
+  client_.On("hold", hold_.Handler());
+  StartCall(9);
+  ASSERT_TRUE(hold_.HoldAll(&peer_));
+  const std::string bytes = Pattern(20000);
+  const std::string result = Whole(Wire().Stream(bytes), "s_c_largedata", 9);
+  const bool is_sent = SendInSlicesAtOnce(&peer_, 9, result, 10);
+  hold_.Release();
+  ASSERT_TRUE(is_sent);
+  EXPECT_TRUE(StreamAt(call_->Get().get(), 0) == bytes);
+}
+
 // ---- From a client driven by hand to a server
 // -------------------------------------------------------------------------
 
@@ -310,6 +370,8 @@ class ServerReceiver : public testing::TestWithParam<Transport> {
 
   std::atomic<int> echoes_{0};
   std::atomic<int> catch_alls_{0};
+  std::atomic<bool> same_{false};
+  PoolHold hold_;
   TestServer server_{GetParam()};
   RawPeer peer_;
 };
@@ -457,6 +519,33 @@ TEST_P(ServerReceiver, TransfersOfSeveralClientsOnTheirOwnKeysDoNotMix) {
   Background<std::string> second([&] { return transfer(&other, 2, two); });
   EXPECT_EQ(first.Get(), Whole(Wire().String(std::string(3000, '1')).String("echo").Int(1), "s_c_largedata", 1));
   EXPECT_EQ(second.Get(), Whole(Wire().String(std::string(3000, '2')).String("echo").Int(2), "s_c_largedata", 2));
+}
+
+TEST_P(ServerReceiver, TakesSlicesInTheOrderInWhichTheyCameHoweverLateThePoolGetsToThem) {
+  const std::string bytes = Pattern(20000);
+  server_.On("hold", hold_.Handler());
+  server_.On("compare", [this, bytes](int, MIVOParams* request, MIVOParams*) {
+    same_ = StreamAt(request, 0) == bytes;
+    ++echoes_;
+  });
+  ASSERT_TRUE(hold_.HoldAll(&peer_));
+  const std::string whole = Whole(Wire().Stream(bytes), "compare", 9);
+  const bool is_sent = SendInSlicesAtOnce(&peer_, 9, whole, 10);
+  hold_.Release();
+  ASSERT_TRUE(is_sent);
+  // Every slice is answered, whoever has put it in its place.
+  const int requests = static_cast<int>((whole.size() + 9) / 10) + PoolHold::PoolThreads();
+  for (int answers = 0; answers < requests;) {
+    const std::optional<std::string> frame = peer_.ReadFrame();
+    ASSERT_TRUE(frame);
+    if (TextOf(*frame, "s_c_sw_name") == "retval") {
+      ++answers;
+    } else {
+      ASSERT_TRUE(peer_.SendFrame(AsClient(*frame)));
+    }
+  }
+  EXPECT_EQ(echoes_, 1);
+  EXPECT_TRUE(same_);
 }
 
 TEST_P(ServerReceiver, TakesASliceWithoutTotalAsTheLast) {

@@ -4,6 +4,7 @@
 #include <mivo/params.h>
 
 #include <functional>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -60,7 +61,7 @@ class Server {
                                [this](int client_id, int key, MIVOParams* params) {
                                  EXPECT_EQ(client_id, kClient);
                                  params->ToParams();
-                                 const Slice slice = ReadSlice(*params);
+                                 const Slice slice = ReadSlice(*params->GetParamas());
                                  EXPECT_EQ(slice.key, key);
                                  ++slices_sent;
                                  sent_back.append(slice.bytes);
@@ -123,6 +124,27 @@ TEST(RecvLargeDataServer, GivesTheMethodTheWholeRequest) {
     EXPECT_EQ(server.names.size(), 0U);
     server.Receive(Slice{9, static_cast<int>(whole.size()), std::string_view(whole).substr(i, 1)});
   }
+  EXPECT_EQ(server.names, Strings{"foo"});
+}
+
+TEST(RecvLargeDataServer, PutsSlicesTogetherInTheOrderOfTheirArrivalAndAnswersEachOne) {
+  Server server([](MIVOParams* request, MIVOParams*) { EXPECT_EQ(request->GetValue(0)->GetInt(), 5); });
+  const std::string whole = Whole("foo", Payload().Int(5));
+  const int total = static_cast<int>(whole.size());
+  MIVOParams slices[2];
+  WriteSlice({9, total, std::string_view(whole).substr(0, 20)}, &slices[0]);
+  WriteSlice({9, total, std::string_view(whole).substr(20)}, &slices[1]);
+  const std::unique_ptr<IServerMethod> first = server.receiver.Arrive(*slices[0].GetParamas());
+  const std::unique_ptr<IServerMethod> last = server.receiver.Arrive(*slices[1].GetParamas());
+  const auto reply_of = [](IServerMethod& turn) {
+    MIVOParams arguments;
+    MIVOParams reply;
+    turn.OnCall(kClient, &arguments, &reply);
+    return WithTail(*reply.GetParamas());
+  };
+  EXPECT_EQ(ToHex(reply_of(*last)), ToHex(Golden("slice_completed_reply")));
+  EXPECT_EQ(server.names, Strings{"foo"});
+  EXPECT_EQ(ToHex(reply_of(*first)), ToHex(Golden("slice_taken_reply")));
   EXPECT_EQ(server.names, Strings{"foo"});
 }
 
@@ -216,7 +238,7 @@ struct NestingServer {
                                },
                                [this](int, int, MIVOParams* params) {
                                  params->ToParams();
-                                 results.emplace_back(ReadSlice(*params).bytes);
+                                 results.emplace_back(ReadSlice(*params->GetParamas()).bytes);
                                  return true;
                                }};
 

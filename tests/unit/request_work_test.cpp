@@ -8,9 +8,12 @@
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include "base/sigpipe_guard.h"
+#include "calls/handler_table.h"
 #include "loop/work_queue.h"
+#include "support/handlers.h"
 #include "support/stdout_capture.h"
 #include "transport/connection.h"
 #include "unit/payload.h"
@@ -131,6 +134,50 @@ TEST(ReadArguments, TakesWhatStandsBeforeAFault) {
   MIVOParams arguments;
   ReadArguments(request, &arguments);
   EXPECT_EQ(arguments.ParamsSize(), 1);
+}
+
+// Writes down the arguments it hears of, and those that are called.
+class Recorder : public InOrderMethod {
+ public:
+  void OnCall(int, MIVOParams*, MIVOParams*) override { journal.emplace_back("out of turn"); }
+  std::unique_ptr<IServerMethod> Arrive(std::string_view arguments) override {
+    journal.emplace_back("arrived");
+    return std::make_unique<mivo_test::LambdaMethod>([this, arguments](int, MIVOParams*, MIVOParams*) {
+      journal.emplace_back(std::string("called with ") + std::string(arguments));
+    });
+  }
+
+  std::vector<std::string> journal;
+};
+
+TEST(Request, LetsItsHandlerHearOfItOnArrival) {
+  HandlerTable handlers(HandlerTable::SecondRegistration::kReplaces);
+  Recorder recorder;
+  handlers.RegisterInOrder("put", &recorder);
+  auto bytes =
+      std::make_unique<std::string>(Payload().KeyString("s_c_sw_name", "put").KeyStream("s_c_sw_data", "data"));
+  const Request request(nullptr, *bytes, ReadEnvelope(*bytes), handlers.FindInOrder("put"));
+  bytes->assign(bytes->size(), 'x');
+  bytes.reset();
+  EXPECT_EQ(recorder.journal, std::vector<std::string>{"arrived"});
+  FindHandler(handlers, request)->OnCall(42, nullptr, nullptr);
+  EXPECT_EQ(recorder.journal, (std::vector<std::string>{"arrived", "called with data"}));
+}
+
+TEST(FindHandler, TakesWhoeverHasTheNameWhenTheRequestIsServed) {
+  HandlerTable handlers(HandlerTable::SecondRegistration::kReplaces);
+  Recorder recorder;
+  handlers.RegisterInOrder("put", &recorder);
+  const std::string bytes = Payload().KeyString("s_c_sw_name", "put");
+  const Request heard_of(nullptr, bytes, ReadEnvelope(bytes), handlers.FindInOrder("put"));
+  const Request plain(nullptr, bytes, ReadEnvelope(bytes));
+  EXPECT_NE(FindHandler(handlers, heard_of), &recorder);
+  EXPECT_EQ(FindHandler(handlers, plain), &recorder);
+  mivo_test::LambdaMethod own(nullptr);
+  handlers.Register("put", &own);
+  EXPECT_EQ(FindHandler(handlers, heard_of), &own);
+  handlers.Close(nullptr);
+  EXPECT_EQ(FindHandler(handlers, heard_of), nullptr);
 }
 
 TEST(RequestWork, SendsTheReplyToWhereTheRequestCameFrom) {

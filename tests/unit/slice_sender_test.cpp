@@ -32,7 +32,7 @@ std::vector<std::size_t> SizesOfSlices(const std::string& whole) {
   std::string rebuilt;
   EXPECT_TRUE(SendInSlices(whole, 9, [&](MIVOParams* params) {
     EXPECT_TRUE(params->ToParams());
-    const Slice slice = ReadSlice(*params);
+    const Slice slice = ReadSlice(*params->GetParamas());
     EXPECT_EQ(slice.key, 9);
     EXPECT_EQ(static_cast<std::size_t>(slice.total_size), whole.size());
     sizes.push_back(slice.bytes.size());
@@ -101,7 +101,7 @@ TEST(SliceSender, KeepsTheSizeThatWasInForceWhenItBegan) {
   std::vector<std::size_t> sizes;
   EXPECT_TRUE(SendInSlices(Pattern(30), 9, [&](MIVOParams* params) {
     params->ToParams();
-    sizes.push_back(ReadSlice(*params).bytes.size());
+    sizes.push_back(ReadSlice(*params->GetParamas()).bytes.size());
     SetSliceSize(1);
     return true;
   }));
