@@ -55,7 +55,7 @@ class MIVO_EXPORT MIVOParams {
   std::string* GetParamas();
   // The buffer's first byte; holds until the buffer changes.
   const char* GetParamasPtr() const;
-  // The buffer's size in bytes; both are the same.
+  // The buffer's size in bytes, INT_MAX for any larger one; both are the same.
   int GetParamasSize() const;
   int Size() const;
   // Only sets the flag that IsGetBuffer shows.

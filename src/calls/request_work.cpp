@@ -4,6 +4,7 @@
 
 #include "calls/handler_table.h"
 #include "transport/connection.h"
+#include "transport/frame.h"
 
 namespace mivo {
 
@@ -32,7 +33,16 @@ void RequestWork::Run() {
 }
 
 void RequestWork::Finish() {
-  if (reply_.Size() > 0) request_.connection->Send(Frame(std::move(*reply_.GetParamas())));
+  std::string& reply = *reply_.GetParamas();
+  if (reply.empty()) return;
+  // A reply that is too long ends the program that has made it; but no peer may bring that about, with a name or token
+  // that fills its request and would have to go back.
+  const std::size_t echoed = request_.name.size() + request_.envelope.sem_id.value_or(std::string_view()).size();
+  if (reply.size() > kLongestPayload && reply.size() <= kLongestPayload + echoed) {
+    request_.connection->Drop();
+    return;
+  }
+  request_.connection->Send(Frame(std::move(reply)));
 }
 
 }  // namespace mivo

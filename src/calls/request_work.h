@@ -55,7 +55,8 @@ class RequestWork : public Work {
       : server_(server), request_(std::move(from), bytes, read, in_order) {}
 
   void Run() override;
-  // A reply to a peer that has gone is dropped by its connection.
+  // A reply to a peer that has gone is dropped by its connection, and one that is too long only for what it repeats of
+  // the request is dropped here.
   void Finish() override;
 
  private:

@@ -18,6 +18,7 @@
 #include "transport/builtin_keys.h"
 #include "transport/connection.h"
 #include "transport/envelope.h"
+#include "transport/frame.h"
 
 namespace mivo {
 
@@ -253,6 +254,7 @@ MIVOParams* MIVOClient::SendMsgEx(const char* name, MIVOParams* params, int key,
 }
 
 bool MIVOClient::SendMsgLargeData(const char* name, MIVOParams* params, int key, int timeout) {
+  RequireSendable(params->GetParamas()->size());
   const int call_key = LargeCallKey(key, *params);
   params->AddKeyValueString(kNameKey, TextOrEmpty(name));
   params->AddKeyValueInt(kThreadIdKey, key);

@@ -2,11 +2,14 @@
 
 #include <mivo/params.h>
 
+#include <cstdlib>
 #include <utility>
 
 #include "largedata/slice.h"
 #include "largedata/slice_sender.h"
 #include "transport/builtin_keys.h"
+#include "transport/framed_write.h"
+#include "values/encoder.h"
 
 namespace mivo {
 
@@ -16,6 +19,10 @@ namespace {
 // twice; a peer that nests a thousand levels is after our stack.
 constexpr int kDeepestNesting = 32;
 thread_local int nesting = 0;
+
+// What is added to each result: the receiver's name and the key.
+constexpr std::size_t kResultTailSize = KeySize(sizeof(kNameKey) - 1) + StringRecordSize(sizeof(kLargeDataKey) - 1) +
+                                        KeySize(sizeof(kThreadIdKey) - 1) + kIntRecordSize;
 
 class NestingScope {
  public:
@@ -78,6 +85,14 @@ void RecvLargeDataServer::ServeWhole(int client_id, int key, MIVOParams* whole) 
     result.AddString(("no event: " + name).c_str());
   } else {
     dispatch_(name, client_id, whole, &result);
+  }
+  // A result that is too long ends the program that has made it; but no peer may bring that about, with the name of an
+  // unknown method that would have to go back.
+  const std::size_t size = result.GetParamas()->size() + kResultTailSize;
+  if (size > kLongestWhole) {
+    if (size > kLongestWhole + name.size()) std::abort();
+    ReportDroppedFrame();
+    return;
   }
   result.AddKeyValueString(kNameKey, kLargeDataKey);
   result.AddKeyValueInt(kThreadIdKey, key);

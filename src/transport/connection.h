@@ -53,6 +53,9 @@ class Connection : public std::enable_shared_from_this<Connection> {
   // Writes at the end of the turn, together with what else comes until then.
   void Send(Frame frame);
 
+  // For what cannot be sent: reports a frame that is dropped as Send and Flush do.
+  void Drop();
+
   // Writes at once what was sent. False if it was dropped.
   bool Flush();
 

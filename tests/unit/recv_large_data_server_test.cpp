@@ -2,7 +2,9 @@
 
 #include <gtest/gtest.h>
 #include <mivo/params.h>
+#include <signal.h>
 
+#include <climits>
 #include <functional>
 #include <memory>
 #include <string>
@@ -12,7 +14,9 @@
 
 #include "largedata/slice.h"
 #include "support/golden.h"
+#include "support/stdout_capture.h"
 #include "transport/envelope.h"
+#include "unit/large_memory.h"
 #include "unit/payload.h"
 #include "unit/slice_size_scope.h"
 
@@ -278,6 +282,30 @@ TEST(RecvLargeDataServer, ForgetsTheDepthOfAMessageThatIsDone) {
   EXPECT_EQ(server.innermost, 0);
   server.Receive(Nested(31));
   EXPECT_EQ(server.innermost, 1);
+}
+
+// A receiver whose method `name` has a result of `size` bytes.
+std::string ReceiveWithResultOf(std::size_t size, const std::string& name) {
+  Server server([size](MIVOParams*, MIVOParams* result) {
+    result->GetParamas()->reserve(size + 200);
+    result->GetParamas()->resize(size);
+  });
+  const std::string reply = server.Receive(Only(Whole(name.c_str(), "")));
+  EXPECT_EQ(server.slices_sent, 0);
+  return WithTail(reply);
+}
+
+TEST(RecvLargeDataServerDeathTest, EndsTheProgramForAResultThatIsTooLong) {
+  MIVO_SKIP_WITHOUT_LARGE_MEMORY();
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(ReceiveWithResultOf(INT_MAX, "foo"), testing::KilledBySignal(SIGABRT), "");
+}
+
+TEST(RecvLargeDataServerDeathTest, DropsAResultThatOnlyTheNameThatWasSentMakesTooLong) {
+  MIVO_SKIP_WITHOUT_LARGE_MEMORY();
+  const mivo_test::StdoutCapture out;
+  EXPECT_EQ(ToHex(ReceiveWithResultOf(INT_MAX, std::string(1000, 'x'))), ToHex(Golden("slice_completed_reply")));
+  EXPECT_EQ(out.Text(), "write error\n");
 }
 
 }  // namespace

@@ -2,7 +2,9 @@
 
 #include <gtest/gtest.h>
 #include <mivo/params.h>
+#include <signal.h>
 
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
@@ -16,6 +18,7 @@
 #include "support/handlers.h"
 #include "support/stdout_capture.h"
 #include "transport/connection.h"
+#include "unit/large_memory.h"
 #include "unit/payload.h"
 #include "unit/stream_pair.h"
 #include "unit/test_loop.h"
@@ -221,6 +224,52 @@ TEST(RequestWork, DropsTheReplyToAPeerThatHasGoneMeanwhile) {
   EXPECT_EQ(peers.owner.dropped, 1);
   EXPECT_TRUE(watched.expired());
   EXPECT_EQ(out.Text(), "");
+}
+
+// Serves one request with a reply of `size` bytes, its tail included, on this thread.
+void ServeReplyOf(std::size_t size, Peers& peers, const std::string& bytes) {
+  FunctionServer server([size](const Request& request, MIVOParams* reply) {
+    std::string tail;
+    AppendServerReplyTail(tail, request.envelope);
+    std::string& out = *reply->GetParamas();
+    out.reserve(size);
+    out.resize(size - tail.size());
+    AppendServerReplyTail(out, request.envelope);
+    EXPECT_EQ(out.size(), size);
+  });
+  RequestWork work(server, peers.connection, bytes, ReadEnvelope(bytes));
+  work.Run();
+  work.Finish();
+}
+
+constexpr std::size_t kLongestReply = std::size_t{INT32_MAX} - 4;
+
+TEST(RequestWorkDeathTest, EndsTheProgramForAReplyThatItsHandlerHasMadeTooLong) {
+  MIVO_SKIP_WITHOUT_LARGE_MEMORY();
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(
+      {
+        Peers peers;
+        ServeReplyOf(kLongestReply + 1000, peers, SomeRequest());
+      },
+      testing::KilledBySignal(SIGABRT), "");
+}
+
+TEST(RequestWorkDeathTest, DropsAReplyThatOnlyWhatThePeerHasSentMakesTooLong) {
+  MIVO_SKIP_WITHOUT_LARGE_MEMORY();
+  Peers peers;
+  const std::string long_token = Payload()
+                                     .KeyString("s_c_sw_name", "sum")
+                                     .KeyInt("s_c_sw_threadid", 9)
+                                     .KeyString("s_c_sw_semid", std::string(1000, 'x'));
+  for (const std::size_t size : {kLongestReply + 1, kLongestReply + 900}) {
+    const StdoutCapture out;
+    ServeReplyOf(size, peers, long_token);
+    EXPECT_EQ(out.Text(), "write error\n");
+  }
+  EXPECT_EQ(peers.owner.dropped, 2);
+  peers.connection->Flush();
+  EXPECT_EQ(peers.pair.ReadSome(), "");
 }
 
 }  // namespace

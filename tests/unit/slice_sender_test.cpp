@@ -3,7 +3,9 @@
 #include <gtest/gtest.h>
 #include <mivo/params.h>
 #include <signal.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <climits>
 #include <cstddef>
 #include <string>
@@ -113,6 +115,22 @@ TEST(SliceSenderDeathTest, EndsTheProgramRatherThanWrapTheTotal) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_EXIT(SendInSlices(std::string(std::size_t{INT_MAX} + 1, 'x'), 9, [](MIVOParams*) { return false; }),
               testing::KilledBySignal(SIGABRT), "");
+}
+
+TEST(SliceSenderDeathTest, CutsSlicesThatLeaveRoomForTheirRequest) {
+  MIVO_SKIP_WITHOUT_LARGE_MEMORY();
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(
+      {
+        SetSliceSize(INT_MAX);
+        std::size_t longest = 0;
+        SendInSlices(std::string(std::size_t{INT_MAX}, 'x'), 9, [&](MIVOParams* slice) {
+          longest = std::max(longest, slice->GetParamas()->size());
+          return true;
+        });
+        _exit(longest > INT_MAX / 2 && longest < INT_MAX - 300 ? 0 : 1);
+      },
+      testing::ExitedWithCode(0), "");
 }
 
 }  // namespace
