@@ -28,6 +28,7 @@
 #include <cstring>
 #include <fstream>
 #include <memory>
+#include <set>
 #include <string>
 #include <thread>
 #include <utility>
@@ -79,10 +80,9 @@ class SharedNames {
   const int file_;
 };
 
-// The port of the one TCP listener that this process has; 0 when there is not exactly one.
+// The port that this process listens on; 0 when there is not exactly one.
 int OnlyListeningPort() {
-  int port = 0;
-  int listeners = 0;
+  std::set<int> ports;
   for (int descriptor = 0; descriptor < 1024; ++descriptor) {
     int listening = 0;
     socklen_t size = sizeof listening;
@@ -91,15 +91,12 @@ int OnlyListeningPort() {
     socklen_t name_size = sizeof name;
     if (getsockname(descriptor, reinterpret_cast<sockaddr*>(&name), &name_size) != 0) continue;
     if (name.ss_family == AF_INET) {
-      port = ntohs(reinterpret_cast<sockaddr_in*>(&name)->sin_port);
+      ports.insert(ntohs(reinterpret_cast<sockaddr_in*>(&name)->sin_port));
     } else if (name.ss_family == AF_INET6) {
-      port = ntohs(reinterpret_cast<sockaddr_in6*>(&name)->sin6_port);
-    } else {
-      continue;
+      ports.insert(ntohs(reinterpret_cast<sockaddr_in6*>(&name)->sin6_port));
     }
-    ++listeners;
   }
-  return listeners == 1 ? port : 0;
+  return ports.size() == 1 ? *ports.begin() : 0;
 }
 
 class ServerLifecycle : public testing::TestWithParam<Transport> {

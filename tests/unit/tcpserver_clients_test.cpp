@@ -383,7 +383,7 @@ TEST_F(TcpServer, EndsAConnectionItCannotReadFrom) {
 TEST_F(TcpServer, UsesUpANumberForAnErrorOfTheListener) {
   const int last = CTcpServer::NextClientId();
   server_.SetConnectCallback(OnConnect);
-  server_.listener.connection_cb(reinterpret_cast<uv_stream_t*>(&server_.listener), UV_EMFILE);
+  server_.listener.connection_cb(reinterpret_cast<uv_stream_t*>(&server_.listener), UV_EPROTO);
   EXPECT_TRUE(connected_.empty());
   auto [peer, id] = Connect();
   EXPECT_EQ(id, last + 2);
