@@ -254,6 +254,7 @@ MIVOValue* MIVOParams::GetValue(int index) const {
 }
 
 MIVOValue* MIVOParams::GetMap(const char* key) const {
+  if (key == nullptr) return nullptr;
   const auto entry = keyed_values_->find(key);
   return entry == keyed_values_->end() ? nullptr : entry->second;
 }
