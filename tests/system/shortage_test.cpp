@@ -131,11 +131,15 @@ TEST_P(Shortage, IsNoObstacleToAnEnd) {
 }
 
 TEST_P(Shortage, MayBeAnsweredByAClose) {
-  TestServer server(GetParam());
-  LogNothing(server.get());
-  server.On("s_c_log", [&server](int, MIVOParams* text, MIVOParams*) {
-    if (text->GetValue(0)->GetString() == std::string(kLine)) server->close();
+  IServer* closing = nullptr;
+  // A sink stays the application's.
+  LambdaMethod sink([&closing](int, MIVOParams* text, MIVOParams*) {
+    if (text->GetValue(0)->GetString() == std::string(kLine)) closing->close();
   });
+  TestServer server(GetParam());
+  closing = server.get();
+  LogNothing(server.get());
+  server->method("s_c_log", &sink);
   ASSERT_TRUE(server.Init());
   const ScopedFault fault(Fault::kAcceptCall, 1, kVeryOften, UV_EMFILE);
   RawPeer waiting = server.Connect();
