@@ -11,7 +11,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
+#include <limits>
 #include <memory>
 #include <vector>
 
@@ -126,11 +128,12 @@ TEST_P(ClientSlices, OfAnEmptySetIsOne) {
 
 TEST_P(ClientSlices, WaitForTheAnswerToTheOneBefore) {
   const ScopedSliceSize size(50);
+  const Stopwatch watch;
   const auto call = Send("f", std::string(26, 'x'), 9);
   const std::string first = peer_.ReadFrame().value_or("");
   EXPECT_TRUE(ReadSliceRequest(first).valid);
-  // Half of what it waits without an answer.
-  EXPECT_TRUE(peer_.ExpectSilence(std::chrono::milliseconds(250)));
+  // Half of what it waits without an answer. Where this thread is late, that may be over too.
+  EXPECT_TRUE(peer_.ExpectSilence(std::chrono::milliseconds(250)) || watch.ElapsedMs() >= 500);
   ASSERT_TRUE(peer_.SendFrame(AsServer(first)));
   EXPECT_TRUE(ReadSliceRequest(peer_.ReadFrame().value_or("")).valid);
 }
@@ -140,12 +143,19 @@ TEST_P(ClientSlices, ThatAreNotAnsweredFollowEachOtherAfterTheirTimeOut) {
   const Stopwatch watch;
   const auto call = Send("f", std::string(26, 'x'), 9);
   std::string whole;
+  long long last_ms = 0;
+  long long shortest_gap_ms = std::numeric_limits<long long>::max();
   for (int i = 0; i < 3; ++i) {
     const TakenSlice slice = ReadSliceRequest(peer_.ReadFrame().value_or(""));
+    const long long now_ms = watch.ElapsedMs();
     EXPECT_TRUE(slice.valid);
-    EXPECT_GE(watch.ElapsedMs(), 500 * i);
+    EXPECT_GE(now_ms, 500 * i);
+    if (i > 0) shortest_gap_ms = std::min(shortest_gap_ms, now_ms - last_ms);
+    last_ms = now_ms;
     whole += slice.bytes;
   }
+  // On a busy machine one may be late.
+  EXPECT_LT(shortest_gap_ms, 1500 * kSlowdown);
   EXPECT_EQ(whole, Whole(Wire().String(std::string(26, 'x')), "f", 9));
   EXPECT_EQ(call->Get(), kNoReply);
   EXPECT_GE(watch.ElapsedMs(), 1500);
@@ -333,12 +343,22 @@ TEST_P(ServerReceiver, CopiesTheWaiterIntoItsAnswers) {
 }
 
 TEST_P(ServerReceiver, AnswersTheLastSliceOnlyAfterTheResultWasTaken) {
-  ASSERT_TRUE(peer_.SendFrame(Slice(9, Whole("", "echo", 9))));
-  const std::string result = peer_.ReadFrame().value_or("");
-  EXPECT_TRUE(ReadSliceRequest(result).valid);
-  EXPECT_TRUE(peer_.AnswersInOrder());
-  ASSERT_TRUE(peer_.SendFrame(AsClient(result)));
-  EXPECT_EQ(peer_.ReadFrame(), CompletedReply(9));
+  // A server that has waited for half a second answers all the same: where this thread is that late, once more.
+  for (int attempt = 0; attempt < 10; ++attempt) {
+    const Stopwatch watch;
+    ASSERT_TRUE(peer_.SendFrame(Slice(9, Whole("", "echo", 9))));
+    const std::string result = peer_.ReadFrame().value_or("");
+    EXPECT_TRUE(ReadSliceRequest(result).valid);
+    if (!peer_.AnswersInOrder()) {
+      ASSERT_GE(watch.ElapsedMs(), 500);
+      peer_ = server_.Connect();
+      continue;
+    }
+    ASSERT_TRUE(peer_.SendFrame(AsClient(result)));
+    EXPECT_EQ(peer_.ReadFrame(), CompletedReply(9));
+    return;
+  }
+  FAIL() << "never asked within half a second";
 }
 
 TEST_P(ServerReceiver, AnswersBytesThatCannotBeDecodedAndRunsNothing) {
@@ -384,13 +404,25 @@ TEST_P(ServerReceiver, GoesOnSendingWhereAnOlderAnswerIsStoredUnderTheKey) {
   ASSERT_TRUE(peer_.SendFrame(Slice(9, Whole("", "echo", 9))));
   const std::string first = peer_.ReadFrame().value_or("");
   const int total = ReadSliceRequest(first).total;
-  ASSERT_TRUE(peer_.SendFrame(AsClient(first)));
   const Stopwatch watch;
+  ASSERT_TRUE(peer_.SendFrame(AsClient(first)));
   const int rest = (total + 39) / 40 - 1;
-  for (int i = 0; i < rest; ++i)
-    EXPECT_TRUE(ReadSliceRequest(peer_.ReadFrame().value_or("")).valid);
-  EXPECT_EQ(peer_.ReadFrame(), CompletedReply(9));
-  EXPECT_GE(watch.ElapsedMs(), 500 * rest - 50);
+  long long last_ms = 0;
+  long long shortest_gap_ms = std::numeric_limits<long long>::max();
+  for (int i = 0; i <= rest; ++i) {
+    const std::string frame = peer_.ReadFrame().value_or("");
+    const long long now_ms = watch.ElapsedMs();
+    if (i < rest) {
+      EXPECT_TRUE(ReadSliceRequest(frame).valid);
+    } else {
+      EXPECT_EQ(frame, CompletedReply(9));
+    }
+    // The first of them comes after a slice that was answered.
+    if (i > 0) shortest_gap_ms = std::min(shortest_gap_ms, now_ms - last_ms);
+    last_ms = now_ms;
+  }
+  EXPECT_GE(last_ms, 500 * rest - 50);
+  EXPECT_LT(shortest_gap_ms, 1500 * kSlowdown);
 }
 
 TEST_P(ServerReceiver, AnUnknownMethodIsAResultAndTheCatchAllIsNotAsked) {
