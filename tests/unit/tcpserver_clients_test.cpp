@@ -321,9 +321,14 @@ TEST_F(TcpServer, MayWriteInTheConnectCallback) {
 }
 
 TEST_F(TcpServer, EndsAllAndListensNoMoreOnCloseAll) {
+  // A port that nobody else takes once it is free again.
+  const int port = mivo_test::FreePort(mivo_test::Transport::Tcp4);
+  server_.CloseAll();
+  ASSERT_TRUE(server_.Init());
+  ASSERT_TRUE(server_.BindTcp4("127.0.0.1", port));
+  ASSERT_TRUE(server_.Listen(128));
   auto [first, first_id] = Connect();
   auto [second, second_id] = Connect();
-  const int port = PortOf(server_);
   server_.CloseAll();
   EXPECT_TRUE(server_.clients.empty());
   EXPECT_FALSE(server_.initialised);
