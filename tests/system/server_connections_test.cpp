@@ -86,9 +86,9 @@ TEST_P(ServerConnections, TheFirstAcceptOfAProcessIsNumberZero) {
   testing::GTEST_FLAG(death_test_style) = "threadsafe";
   EXPECT_EXIT(
       {
-        StdoutCapture output;
         auto* const server = new TestServer(GetParam());
         if (!server->Init()) std::exit(1);
+        StdoutCapture output;  // from here: what Init may remark ends without a line break
         RawPeer first = Served(*server);
         RawPeer second = Served(*server);
         const auto accepted = AcceptLines(output.Text(), GetParam());
