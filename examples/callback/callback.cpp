@@ -40,7 +40,7 @@ class Choose : public IServerMethod {
   void OnCall(int, MIVOParams*, MIVOParams* reply) override {
     // SendMsgFast: SendMsg would wait for the main thread's call to end, which waits for us.
     MIVOParams* const card = client_->SendMsgFast("card", nullptr, 0, kTimeoutMs);
-    if (card->GetMap("errorCode") != nullptr) {
+    if (card->GetMap("errorCode") != nullptr && card->MapSize() == 1) {
       delete card;
       return;
     }
@@ -66,12 +66,15 @@ int main(int argc, char** argv) {
   IClient* const client = CreateClient();
   client->log(nullptr, 0);
   client->method("choose", new Choose(client));
-  if (!server->InitMIVOServer(name.c_str()) || !client->InitMIVOClient(name.c_str(), true)) return 1;
+  if (!server->InitMIVOServer(name.c_str()) || !client->InitMIVOClient(name.c_str(), true)) {
+    std::cout << "cannot serve or connect\n";
+    return 1;
+  }
 
   MIVOParams* const reply = client->SendMsg("order", nullptr, 0, kTimeoutMs);
   const std::string ordered = TextOf(reply);
   std::cout << ordered << "\n";
-  if (reply->GetMap("errorCode") != nullptr) delete reply;
+  if (reply->GetMap("errorCode") != nullptr && reply->MapSize() == 1) delete reply;
 
   DestroyClient(client);
   DestroyServer(server);

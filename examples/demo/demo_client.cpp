@@ -76,7 +76,7 @@ bool Connect(IClient& client, const std::string& socket_name) {
 // Nothing for a reply, which stays the client's; otherwise the code of an error set, which is ours and is deleted.
 std::optional<int> TakeError(MIVOParams* reply) {
   const MIVOValue* const code = reply->GetMap("errorCode");
-  if (code == nullptr) return std::nullopt;
+  if (code == nullptr || reply->MapSize() != 1) return std::nullopt;
   const int value = code->GetInt();
   delete reply;
   return value;

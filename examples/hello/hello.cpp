@@ -18,8 +18,9 @@ class Greet : public IServerMethod {
 
 std::string GreetingFor(IClient* client, MIVOParams* request) {
   MIVOParams* const reply = client->SendMsg("greet", request, 0, 5000);
-  if (reply->GetMap("errorCode") != nullptr) {
-    delete reply;  // an error set is the caller's
+  // No reply came if this is all there is, and then the set is ours.
+  if (reply->GetMap("errorCode") != nullptr && reply->MapSize() == 1) {
+    delete reply;
     return "no reply";
   }
   const MIVOValue* const greeting = reply->GetValue(0);  // a reply stays the client's

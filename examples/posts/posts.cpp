@@ -61,7 +61,10 @@ int main(int argc, char** argv) {
   auto* const total = new Total;
   std::future<int> sum = total->sum_.get_future();
   client->method("total", total);
-  if (!server->InitMIVOServer(name.c_str()) || !client->InitMIVOClient(name.c_str(), true)) return 1;
+  if (!server->InitMIVOServer(name.c_str()) || !client->InitMIVOClient(name.c_str(), true)) {
+    std::cout << "cannot serve or connect\n";
+    return 1;
+  }
 
   for (int i = 1; i <= kCount; ++i) {
     MIVOParams number;

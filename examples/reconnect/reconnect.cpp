@@ -62,7 +62,8 @@ class Closed : public IServerMethod {
 // The server's answer, or the error.
 int Ask(IClient* client) {
   MIVOParams* const reply = client->SendMsg("answer", nullptr, 0, 5000);
-  if (const MIVOValue* const code = reply->GetMap("errorCode")) {
+  const MIVOValue* const code = reply->GetMap("errorCode");
+  if (code != nullptr && reply->MapSize() == 1) {
     const int error = code->GetInt();
     delete reply;
     return error;

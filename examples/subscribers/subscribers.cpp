@@ -121,7 +121,7 @@ struct Subscriber {
     client->method("reading", &readings);
     if (!client->InitMIVOClient(name.c_str(), true)) return false;
     MIVOParams* const reply = client->SendMsg("subscribe", nullptr, 0, 5000);
-    if (reply->GetMap("errorCode") == nullptr) return true;
+    if (reply->GetMap("errorCode") == nullptr || reply->MapSize() != 1) return true;
     delete reply;
     return false;
   }
@@ -169,7 +169,12 @@ int main(int argc, char** argv) {
   server->log(nullptr, 0);
   server->method("subscribe", new Subscribe(subscribers));
   server->method("s_c_closed", new Closed(subscribers));
-  const bool fine = server->InitMIVOServer(name.c_str()) && Play(subscribers, name);
+  bool fine = server->InitMIVOServer(name.c_str());
+  if (fine) {
+    fine = Play(subscribers, name);
+  } else {
+    std::cout << "cannot serve or connect\n";
+  }
   DestroyServer(server);
   return fine ? 0 : 1;
 }

@@ -17,6 +17,8 @@
 
 namespace {
 
+constexpr int kBacklog = 128;  // connections that may wait to be accepted
+
 CTcpServer* server = nullptr;
 std::map<int, std::string> waiting;  // for each client: what came while an answer was still under way
 
@@ -66,15 +68,17 @@ int main(int argc, char** argv) {
     return argument == "--help" ? 0 : 2;
   }
 
+  uv_check_t each_turn;
   CTcpServer echo(uv_default_loop());
   server = &echo;
   echo.SetConnectCallback(OnConnect);
-  uv_check_t each_turn;
+  // What StartTcp4 does, one by one, to say something in between.
+  if (!echo.Init() || !echo.BindTcp4("127.0.0.1", port) || !echo.Listen(kBacklog)) {
+    std::cout << "cannot listen on port " << port << "\n";
+    return 1;
+  }
+  std::cout << "listening on port " << port << "; end with Ctrl-C" << std::endl;
   uv_check_init(echo.loop, &each_turn);
   uv_check_start(&each_turn, OnTurn);
-
-  std::cout << "listening on port " << port << "; end with Ctrl-C" << std::endl;
-  echo.StartTcp4("127.0.0.1", port);
-  std::cout << "cannot listen on port " << port << "\n";  // it serves for as long as the program runs
-  return 1;
+  return echo.Run(UV_RUN_DEFAULT) ? 0 : 1;  // for as long as the program runs: each_turn keeps the loop busy
 }

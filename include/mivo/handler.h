@@ -24,8 +24,11 @@ class MIVO_EXPORT IServerMethod {
   virtual void OnCall(int clientId, MIVOParams* request, MIVOParams* reply) = 0;
 };
 
-// A server's catch-all, registered with IServer::methodall: called for every name without a handler of its own, before
-// the "no event: <name>" text is added to the reply. Threads, ownership and errors as for IServerMethod.
+// A server's catch-all, registered with IServer::methodall: called for each request whose name has no handler, before
+// the "no event: <name>" text is added to the reply. Not for calls of SendMsgEx, which travel in slices: without a
+// handler they get that text alone. Nor for notices, requests under the names "s_c_connect" and "s_c_closed", and what
+// the library serves itself: "s_c_version", "s_c_close_server", "s_c_req_header", "s_c_req_body", "retval".
+// Threads, ownership and errors as for IServerMethod.
 class MIVO_EXPORT IMethodAll {
  public:
   virtual ~IMethodAll() = default;

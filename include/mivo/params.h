@@ -17,7 +17,7 @@
 // Ownership: the set owns its buffer and every decoded value. Pointers from GetValue and GetMap hold until Clear, the
 // next decoding, or the end of the set. Units: all sizes and lengths are bytes. Texts are bytes without an encoding of
 // their own. Errors: decoding returns false at the first fault; otherwise only std::bad_alloc when memory runs out, and
-// an add operation that throws it has added nothing. Key and C string arguments must not be null.
+// an add operation that throws it has added nothing. Keys and C strings that are added must not be null.
 class MIVO_EXPORT MIVOParams {
  public:
   MIVOParams();
@@ -55,7 +55,7 @@ class MIVO_EXPORT MIVOParams {
   std::string* GetParamas();
   // The buffer's first byte; holds until the buffer changes.
   const char* GetParamasPtr() const;
-  // The buffer's size in bytes; both are the same.
+  // The buffer's size in bytes, INT_MAX for any larger one; both are the same.
   int GetParamasSize() const;
   int Size() const;
   // Only sets the flag that IsGetBuffer shows.
@@ -67,7 +67,8 @@ class MIVO_EXPORT MIVOParams {
   int MapSize() const;
   // Null where there is no such position, for negative ones too.
   MIVOValue* GetValue(int index) const;
-  // Null where there is no such key, and for an entry that the bytes named again without giving it a value.
+  // Null where there is no such key, and for an entry that the bytes named again without giving it a value. Null also
+  // for a null key.
   MIVOValue* GetMap(const char* key) const;
   // The keyed entries once more, ordered by the addresses of their keys; meant for walking through, not for looking up.
   // Built when it is empty, and then left as it is until Clear or the next decoding. Values may be null, as above.

@@ -1,4 +1,4 @@
-// Numbers that name a connection or a waiting call, and that nobody gets a second time.
+// Numbers that name a connection or a waiting call, and that do not come back soon.
 //
 // On the wire and in the interface such a number looks like an address. An address itself would not do: the allocator
 // hands freed memory out again at once, and then a late reply wakes a stranger, or a call meant for a client that has
@@ -11,10 +11,11 @@
 namespace mivo {
 
 // A connection's id: the same number in handlers, notices, diagnostic lines and calls. Never 0. Having 32 bits, ids come
-// round, after 2^28 connections. Any thread.
+// round, after 2^28 connections: whoever keeps connections by their ids has to pass over those that still live.
+// Any thread.
 int NextConnectionId();
 
-// A waiting call's token. Never 0. Any thread.
+// A waiting call's token. Never 0, and never given twice. Any thread.
 std::uintptr_t NextWaiterToken();
 
 // Whether NextWaiterToken gave this number out, in this process. Any thread.

@@ -2,6 +2,8 @@
 
 #include <mivo/handler.h>
 
+#include "calls/in_order_method.h"
+
 namespace mivo {
 
 void HandlerTable::Register(const char* name, IServerMethod* handler) {
@@ -21,6 +23,12 @@ void HandlerTable::RegisterBuiltin(const char* name, IServerMethod* handler) {
   methods_.emplace(name, handler);
 }
 
+void HandlerTable::RegisterInOrder(const char* name, InOrderMethod* handler) {
+  RegisterBuiltin(name, handler);
+  MutexLock lock(mutex_);
+  in_order_[name] = handler;
+}
+
 void HandlerTable::KeepHandlers() {
   MutexLock lock(mutex_);
   keep_ = true;
@@ -36,6 +44,14 @@ IServerMethod* HandlerTable::Find(std::string_view name) const {
 IMethodAll* HandlerTable::CatchAll() const {
   MutexLock lock(mutex_);
   return open_ ? catch_all_ : nullptr;
+}
+
+InOrderMethod* HandlerTable::FindInOrder(std::string_view name) const {
+  MutexLock lock(mutex_);
+  const auto in_order = in_order_.find(name);
+  if (!open_ || in_order == in_order_.end()) return nullptr;
+  const auto registered = methods_.find(name);
+  return registered != methods_.end() && registered->second == in_order->second ? in_order->second : nullptr;
 }
 
 void HandlerTable::Open() {

@@ -18,6 +18,7 @@
 #include "transport/builtin_keys.h"
 #include "transport/connection.h"
 #include "transport/envelope.h"
+#include "transport/frame.h"
 
 namespace mivo {
 
@@ -41,6 +42,7 @@ int LargeCallKey(int key, const MIVOParams& params) {
 
 // Makes of `params` the whole of a large call as it travels.
 void AddNameAndKey(const char* name, int key, MIVOParams* params) {
+  RequireSendable(params->GetParamas()->size());
   params->AddKeyValueString(kNameKey, TextOrEmpty(name));
   params->AddKeyValueInt(kThreadIdKey, key);
 }
@@ -60,7 +62,7 @@ MIVOClient::MIVOClient()
         if (session && session->DeliverLargeResult(key, &result)) return;
         large_replies_.Store(key, std::move(result));
       }) {
-  handlers_.RegisterBuiltin(kSliceMethod, &large_data_receiver_);
+  handlers_.RegisterInOrder(kSliceMethod, &large_data_receiver_);
   handlers_.RegisterBuiltin(kBuiltinClosedNotice, &server_closed_);
 }
 
@@ -94,6 +96,7 @@ bool MIVOClient::Init(Endpoint endpoint) {
     old->Close(Session::Handlers::kKeep);
     old->Join();
   }
+
   // Known before it connects, so that a close can end the attempt.
   const std::string name = endpoint.name;
   const auto session = std::make_shared<Session>(ClientParts{this, print_, handlers_, replies_, large_replies_, *this},
@@ -285,7 +288,7 @@ void MIVOClient::ClearRetvalMem() {
 }
 
 void MIVOClient::Serve(const Request& request, MIVOParams* reply) {
-  IServerMethod* const handler = handlers_.Find(request.name);
+  IServerMethod* const handler = FindHandler(handlers_, request);
   if (handler == nullptr) {
     // Without key and token: the server's call runs into its time-out.
     reply->AddKeyValueString(kNameKey, kRetval);

@@ -219,7 +219,8 @@ void Session::DoQueueWork(std::string_view payload) {
     DeliverReply(envelope, payload);
     return;
   }
-  work_.Queue(loop_.uv(), std::make_unique<RequestWork>(parts_.requests, connection_, payload, envelope));
+  work_.Queue(loop_.uv(), std::make_unique<RequestWork>(parts_.requests, connection_, payload, envelope,
+                                                        parts_.handlers.FindInOrder(*envelope.name)));
 }
 
 void Session::DeliverReply(const Envelope& envelope, std::string_view payload) {

@@ -2,11 +2,14 @@
 
 #include <mivo/params.h>
 
+#include <cstdlib>
 #include <utility>
 
 #include "largedata/slice.h"
 #include "largedata/slice_sender.h"
 #include "transport/builtin_keys.h"
+#include "transport/framed_write.h"
+#include "values/encoder.h"
 
 namespace mivo {
 
@@ -16,6 +19,10 @@ namespace {
 // twice; a peer that nests a thousand levels is after our stack.
 constexpr int kDeepestNesting = 32;
 thread_local int nesting = 0;
+
+// What is added to each result: the receiver's name and the key.
+constexpr std::size_t kResultTailSize = KeySize(sizeof(kNameKey) - 1) + StringRecordSize(sizeof(kLargeDataKey) - 1) +
+                                        KeySize(sizeof(kThreadIdKey) - 1) + kIntRecordSize;
 
 class NestingScope {
  public:
@@ -27,14 +34,33 @@ class NestingScope {
 
 }  // namespace
 
+class RecvLargeDataServer::Turn : public IServerMethod {
+ public:
+  Turn(RecvLargeDataServer& receiver, const Slice& slice)
+      : receiver_(receiver), slice_(receiver.partial_table_, slice) {}
+  void OnCall(int client_id, MIVOParams*, MIVOParams* reply) override {
+    receiver_.Answer(client_id, slice_.key(), slice_.Append(), reply);
+  }
+
+ private:
+  RecvLargeDataServer& receiver_;
+  PartialTable::Arrival slice_;
+};
+
 RecvLargeDataServer::RecvLargeDataServer(Dispatch dispatch, SendSlice send_slice)
     : dispatch_(std::move(dispatch)), send_slice_(std::move(send_slice)) {}
 
 void RecvLargeDataServer::OnCall(int client_id, MIVOParams* request, MIVOParams* reply) {
-  const NestingScope scope;
-  const Slice slice = ReadSlice(*request);
-  std::optional<std::string> bytes = partial_table_.Add(slice);
+  const Slice slice = ReadSlice(*request->GetParamas());
+  Answer(client_id, slice.key, partial_table_.Add(slice), reply);
+}
 
+std::unique_ptr<IServerMethod> RecvLargeDataServer::Arrive(std::string_view arguments) {
+  return std::make_unique<Turn>(*this, ReadSlice(arguments));
+}
+
+void RecvLargeDataServer::Answer(int client_id, int key, std::optional<std::string> bytes, MIVOParams* reply) {
+  const NestingScope scope;
   reply->AddKeyValueString(kNameKey, kRetval);
   if (bytes) {
     MIVOParams whole;
@@ -42,7 +68,7 @@ void RecvLargeDataServer::OnCall(int client_id, MIVOParams* request, MIVOParams*
     if (whole.ToParams()) {
       reply->AddInt(1);
       reply->AddKeyValueString(kNameKey, kRetval);
-      ServeWhole(client_id, slice.key, &whole);
+      ServeWhole(client_id, key, &whole);
     } else {
       reply->AddInt(-1);
     }
@@ -59,6 +85,14 @@ void RecvLargeDataServer::ServeWhole(int client_id, int key, MIVOParams* whole) 
     result.AddString(("no event: " + name).c_str());
   } else {
     dispatch_(name, client_id, whole, &result);
+  }
+  // A result that is too long ends the program that has made it; but no peer may bring that about, with the name of an
+  // unknown method that would have to go back.
+  const std::size_t size = result.GetParamas()->size() + kResultTailSize;
+  if (size > kLongestWhole) {
+    if (size > kLongestWhole + name.size()) std::abort();
+    ReportDroppedFrame();
+    return;
   }
   result.AddKeyValueString(kNameKey, kLargeDataKey);
   result.AddKeyValueInt(kThreadIdKey, key);

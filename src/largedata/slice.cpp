@@ -3,8 +3,43 @@
 #include <mivo/params.h>
 
 #include "transport/builtin_keys.h"
+#include "values/decoder.h"
 
 namespace mivo {
+
+namespace {
+
+class SliceSink : public DecodeSink {
+ public:
+  explicit SliceSink(Slice& slice) : slice_(slice) {}
+
+  void OnPositional(const Scalar& value) override {
+    const int position = positional_values_++;
+    if (position == 0 && value.tag == WireTag::kInt) slice_.total_size = value.integer;
+    if (position == 1 && value.tag == WireTag::kStream) slice_.bytes = value.bytes;
+  }
+
+  void OnKey(std::string_view key) override {
+    // A later record of the same key replaces the earlier, also when its own value is lost or of another type.
+    if (key == kThreadIdKey) slice_.key = 0;
+  }
+  void OnKeyed(std::string_view key, const Scalar& value) override {
+    if (key == kThreadIdKey && value.tag == WireTag::kInt) slice_.key = value.integer;
+  }
+
+  void OnListBegin() override {}
+  void OnListElement(const Scalar&) override {}
+  void OnListEnd() override { ++positional_values_; }
+  void OnListMapBegin() override {}
+  void OnListMapEntry(std::string_view, const Scalar&) override {}
+  void OnListMapEnd() override { ++positional_values_; }
+
+ private:
+  Slice& slice_;
+  int positional_values_ = 0;
+};
+
+}  // namespace
 
 void WriteSlice(const Slice& slice, MIVOParams* out) {
   out->AddKeyValueBool(kLargeDataKey, true);
@@ -13,18 +48,10 @@ void WriteSlice(const Slice& slice, MIVOParams* out) {
   out->AddStream(slice.bytes.data(), static_cast<long>(slice.bytes.size()));
 }
 
-Slice ReadSlice(const MIVOParams& params) {
+Slice ReadSlice(std::string_view encoded) {
   Slice slice;
-  const MIVOValue* const key = params.GetMap(kThreadIdKey);
-  if (key != nullptr && key->IsInt()) slice.key = key->GetInt();
-  const MIVOValue* const total_size = params.GetValue(0);
-  if (total_size != nullptr && total_size->IsInt()) slice.total_size = total_size->GetInt();
-  const MIVOValue* const bytes = params.GetValue(1);
-  if (bytes != nullptr && bytes->IsStream()) {
-    long length = 0;
-    const char* const begin = bytes->GetStream(length);
-    slice.bytes = std::string_view(begin, static_cast<std::size_t>(length));
-  }
+  SliceSink sink(slice);
+  Decode(encoded, sink);
   return slice;
 }
 

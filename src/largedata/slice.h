@@ -16,8 +16,9 @@ struct Slice {
 
 void WriteSlice(const Slice& slice, MIVOParams* out);
 
-// What is missing or of another type than agreed counts as 0 or empty. `bytes` points into `params`.
-Slice ReadSlice(const MIVOParams& params);
+// Reads an encoded slice without building values. What is missing or of another type than agreed counts as 0 or empty,
+// and what stands before a fault counts. `bytes` points into `encoded`.
+Slice ReadSlice(std::string_view encoded);
 
 }  // namespace mivo
 

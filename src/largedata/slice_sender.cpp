@@ -2,20 +2,28 @@
 
 #include <mivo/params.h>
 
+#include <algorithm>
 #include <cstdlib>
-#include <limits>
 #include <string_view>
 
 #include "largedata/slice.h"
 #include "largedata/slice_size.h"
+#include "transport/frame.h"
 
 namespace mivo {
 
+namespace {
+
+// A slice has a total and a key, and its request an envelope; they take less than this.
+constexpr std::size_t kLongestSlice = kLongestPayload - 512;
+
+}  // namespace
+
 bool SendInSlices(const std::string& whole, int key, const std::function<bool(MIVOParams* slice)>& send) {
   // The total travels as a signed 32-bit number: a longer message ends the program rather than wrap.
-  if (whole.size() > static_cast<std::size_t>(std::numeric_limits<int>::max())) std::abort();
+  if (whole.size() > kLongestWhole) std::abort();
   const int total_size = static_cast<int>(whole.size());
-  const std::size_t slice_size = static_cast<std::size_t>(SliceSizeToUse());
+  const std::size_t slice_size = std::min(static_cast<std::size_t>(SliceSizeToUse()), kLongestSlice);
 
   std::string_view rest = whole;
   bool is_last = false;

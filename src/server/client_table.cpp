@@ -2,8 +2,6 @@
 
 #include <utility>
 
-#include "base/identity.h"
-
 namespace mivo {
 
 namespace {
@@ -14,16 +12,15 @@ std::atomic<int> accepted_tcp{0};
 
 }  // namespace
 
-ClientTable::ClientTable(EventLoop& loop, Listener& listener, PrintObject& print, Events events)
-    : loop_(loop), listener_(listener), print_(print), events_(std::move(events)) {}
+ClientTable::ClientTable(EventLoop& loop, Listener& listener, PrintObject& print, Events events, int (*next_id)())
+    : loop_(loop), listener_(listener), print_(print), events_(std::move(events)), next_id_(next_id) {}
 
 void ClientTable::OnIncoming(int status) {
   if (status < 0) {
     print_.Error("New client connection error...\n");
     return;
   }
-  const auto connection =
-      std::make_shared<Connection>(loop_, static_cast<Connection::Owner&>(*this), NextConnectionId());
+  const auto connection = std::make_shared<Connection>(loop_, static_cast<Connection::Owner&>(*this), UnusedId());
   const int id = connection->id();
   events_.connected(id);
   // The notice may have closed the server.
@@ -44,6 +41,15 @@ void ClientTable::OnIncoming(int status) {
   if (connection->is_closed()) return;
   const int reading = connection->StartReading();
   if (reading < 0) OnEnd(*connection, reading);
+}
+
+// A client may stay for so long that the ids come round.
+int ClientTable::UnusedId() const {
+  int id = 0;
+  do {
+    id = next_id_();
+  } while (clients_.count(id) != 0);
+  return id;
 }
 
 std::shared_ptr<Connection> ClientTable::Find(int client_id) const {

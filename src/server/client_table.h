@@ -8,6 +8,7 @@
 #include <string_view>
 #include <unordered_map>
 
+#include "base/identity.h"
 #include "loop/event_loop.h"
 #include "server/listener.h"
 #include "transport/connection.h"
@@ -25,7 +26,9 @@ class ClientTable : private Connection::Owner {
     std::function<void(const std::shared_ptr<Connection>& client, std::string_view payload)> payload;
   };
 
-  ClientTable(EventLoop& loop, Listener& listener, PrintObject& print, Events events);
+  // `next_id` counts on and comes round at some time.
+  ClientTable(EventLoop& loop, Listener& listener, PrintObject& print, Events events,
+              int (*next_id)() = NextConnectionId);
 
   // A connection waits to be accepted (0), or the listener reports an error.
   void OnIncoming(int status);
@@ -45,6 +48,8 @@ class ClientTable : private Connection::Owner {
     bool has_read = false;
   };
 
+  int UnusedId() const;
+
   void OnRead(Connection& connection) override;
   void OnPayload(Connection& connection, std::string_view payload) override;
   void OnEnd(Connection& connection, int status) override;
@@ -54,6 +59,7 @@ class ClientTable : private Connection::Owner {
   Listener& listener_;
   PrintObject& print_;
   const Events events_;
+  int (*const next_id_)();
   std::unordered_map<int, Client> clients_;
   bool closed_ = false;
   std::atomic<int> read_count_{0};

@@ -42,13 +42,17 @@ void Dispatch::Serve(const Request& request, MIVOParams* reply) {
   if (request.name == kVersionMethod) {
     AnswerVersion(arguments, reply);
   } else {
-    CallMethod(request.name, client_id, &arguments, reply);
+    Call(FindHandler(handlers_, request), request.name, client_id, &arguments, reply);
   }
   AppendServerReplyTail(*reply->GetParamas(), request.envelope);
 }
 
 void Dispatch::CallMethod(const std::string& name, int client_id, MIVOParams* request, MIVOParams* reply) {
-  IServerMethod* const handler = handlers_.Find(name);
+  Call(handlers_.Find(name), name, client_id, request, reply);
+}
+
+void Dispatch::Call(IServerMethod* handler, const std::string& name, int client_id, MIVOParams* request,
+                    MIVOParams* reply) {
   if (handler == nullptr) {
     // Also behind what a catch-all has added.
     reply->AddString(("no event: " + name).c_str());

@@ -28,6 +28,9 @@ class Dispatch : public RequestServer {
   void Notify(const char* name, int client_id, MIVOParams* request, MIVOParams* reply);
 
  private:
+  // `handler` may be null.
+  void Call(IServerMethod* handler, const std::string& name, int client_id, MIVOParams* request, MIVOParams* reply);
+
   const void* const server_;
   PrintObject& print_;
   HandlerTable& handlers_;

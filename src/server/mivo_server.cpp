@@ -61,8 +61,8 @@ bool MIVOServer::SendSlice(int client_id, int key, MIVOParams* slice) {
 }
 
 void MIVOServer::RegisterBuiltins() {
-  handlers_.RegisterBuiltin(kSliceHeaderMethod, slice_header_receiver_.get());
-  handlers_.RegisterBuiltin(kSliceMethod, slice_receiver_.get());
+  handlers_.RegisterInOrder(kSliceHeaderMethod, slice_header_receiver_.get());
+  handlers_.RegisterInOrder(kSliceMethod, slice_receiver_.get());
 }
 
 bool MIVOServer::StartMIVOServer(const char* name) {

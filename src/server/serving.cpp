@@ -131,7 +131,8 @@ void Serving::DoQueueWork(const std::shared_ptr<Connection>& client, std::string
   } else if (*envelope.name == kCloseServerMethod) {
     AnswerCloseServer(*client, envelope);
   } else {
-    work_.Queue(loop_.uv(), std::make_unique<RequestWork>(parts_.dispatch, client, payload, envelope));
+    work_.Queue(loop_.uv(), std::make_unique<RequestWork>(parts_.dispatch, client, payload, envelope,
+                                                          parts_.handlers.FindInOrder(*envelope.name)));
   }
 }
 

@@ -9,11 +9,15 @@
 // - CloseAll only begins, and leaves the rest to the loop's next turn. Whoever cannot wait for that, Init and the
 //   destructor, turns the loop itself until the listening handle is closed; what was closed before it is closed by then
 //   as well. Inside a turn nobody may: uv_run cannot be entered twice. There Init refuses.
+// - Where descriptors run out, the listening handle is closed for a while with the server still initialised; see
+//   listening_pause.h.
 // - A failed write leaves through exit(), inside uv_run. A server with static storage is then destroyed inside its own
 //   loop's turn and has to leave it alone.
 #include <mivo/tcpserver.h>
 
+#include "base/shortage.h"
 #include "base/sigpipe_guard.h"
+#include "tcpserver/listening_pause.h"
 #include "tcpserver/loop_turn.h"
 
 #include <atomic>
@@ -69,10 +73,6 @@ uv_stream_t* StreamOf(uv_tcp_t* tcp) {
 template <class Handle>
 uv_handle_t* AsHandle(Handle* handle) {
   return reinterpret_cast<uv_handle_t*>(handle);
-}
-
-void OnListenerClosed(uv_handle_t* handle) {
-  handle->data = nullptr;
 }
 
 void OnClientClosed(uv_handle_t* handle) {
@@ -143,13 +143,17 @@ clientdata* Accept(uv_stream_t* listener, CTcpServer* server, int id) {
   return client;
 }
 
-// The status is not looked at: without a connection to accept, accepting fails, and has used up an id.
-void OnConnection(uv_stream_t* listener, int) {
+// An error uses up an id, as a connection does that cannot be accepted.
+void OnConnection(uv_stream_t* listener, int status) {
   auto* const server = static_cast<CTcpServer*>(listener->data);
   if (server == nullptr) return;
   const LoopTurn turn(listener->loop);
 
   const int id = CTcpServer::NextClientId();
+  if (status < 0) {
+    if (IsShortage(status)) ListeningPause::Begin(server);
+    return;
+  }
   clientdata* const client = Accept(listener, server, id);
   if (client == nullptr) return;
   server->clients[id] = client;
@@ -159,12 +163,16 @@ void OnConnection(uv_stream_t* listener, int) {
   if (uv_read_start(StreamOf(client->handle), OnAllocate, OnRead) != 0) server->CloseClient(id);
 }
 
+bool IsKnownToLoop(const CTcpServer* server) {
+  return server->listener.data != nullptr || ListeningPause::HasTimer(server);
+}
+
 // Turns a loop that stands until libuv has let go of the server.
 void Drain(CTcpServer* server) {
-  if (server->listener.data == nullptr) return;
+  if (!IsKnownToLoop(server)) return;
   const LoopTurn turn(server->loop, LoopTurn::Purpose::kDrain);
   const SigpipeGuard guard;
-  while (server->listener.data != nullptr)
+  while (IsKnownToLoop(server))
     uv_run(server->loop, UV_RUN_NOWAIT);
 }
 
@@ -183,7 +191,7 @@ CTcpServer::CTcpServer(uv_loop_t* servingLoop) : loop(servingLoop) {
 
 CTcpServer::~CTcpServer() {
   // Inside a turn of its own loop a server is only destroyed by exit(): the loop will not be turned again.
-  if (listener.data != nullptr && mivo::LoopTurn::IsRunning(loop)) return;
+  if (mivo::IsKnownToLoop(this) && mivo::LoopTurn::IsRunning(loop)) return;
   CloseAll();
   mivo::Drain(this);
   uv_mutex_destroy(&mutex);
@@ -204,7 +212,7 @@ bool CTcpServer::StartTcp6(const char* ip, int port) {
 bool CTcpServer::Init() {
   if (initialised) return true;
   if (loop == nullptr) return false;
-  if (listener.data != nullptr) {
+  if (mivo::IsKnownToLoop(this)) {
     if (mivo::LoopTurn::IsRunning(loop)) return false;
     mivo::Drain(this);
   }
@@ -227,7 +235,8 @@ bool CTcpServer::BindTcp6(const char* ip, int port) {
 }
 
 bool CTcpServer::Listen(int backlog) {
-  return initialised && uv_listen(mivo::StreamOf(&listener), backlog, mivo::OnConnection) == 0;
+  return initialised && uv_listen(mivo::StreamOf(&listener), backlog, mivo::OnConnection) == 0 &&
+         mivo::ListeningPause::Prepare(this, backlog, mivo::OnConnection);
 }
 
 bool CTcpServer::Run(uv_run_mode mode) {
@@ -301,7 +310,8 @@ void CTcpServer::CloseAll() {
     mivo::CloseHandleOf(client);
   clients.clear();
   if (initialised) {
-    uv_close(mivo::AsHandle(&listener), mivo::OnListenerClosed);
+    mivo::ListeningPause::End(this);
+    mivo::CloseListener(this);
     initialised = false;
   }
 }

@@ -56,13 +56,18 @@ void Connection::OnChunk(ssize_t count, const char* bytes) {
 
 void Connection::Send(Frame frame) {
   if (is_closed()) {
-    owner_.OnFrameDropped(*this);
+    Drop();
     return;
   }
   if (outbox_.empty()) {
     loop_.AtTurnEnd([self = shared_from_this()] { self->Flush(); });
   }
   outbox_.push_back(std::move(frame));
+}
+
+void Connection::Drop() {
+  if (!is_closed()) ReportDroppedFrame();
+  owner_.OnFrameDropped(*this);
 }
 
 bool Connection::Flush() {

@@ -53,10 +53,14 @@ class Connection : public std::enable_shared_from_this<Connection> {
   // Writes at the end of the turn, together with what else comes until then.
   void Send(Frame frame);
 
+  // For what cannot be sent: reports a frame that is dropped as Send and Flush do.
+  void Drop();
+
   // Writes at once what was sent. False if it was dropped.
   bool Flush();
 
-  // Writes what was sent, then closes. May be repeated.
+  // Writes what was sent, as far as the kernel takes it at once, and closes; the rest is given up, with a line for each
+  // frame of what was cut off. May be repeated.
   void Close();
   bool is_closed() const { return !stream_; }
 

@@ -4,8 +4,10 @@
 
 #include "base/pointer_text.h"
 #include "transport/builtin_keys.h"
+#include "transport/frame.h"
 #include "values/decoder.h"
 #include "values/encoder.h"
+#include "values/encoding.h"
 
 namespace mivo {
 
@@ -77,13 +79,14 @@ Envelope MoveEnvelope(const Envelope& envelope, std::string_view from, std::stri
 std::string EncodeRequest(std::string_view name, int key, const MIVOParams* params, std::uintptr_t token) {
   // Four keys, their names and stamps take less than this beside the two variable parts.
   constexpr std::size_t kEnvelopeSize = 192;
-  const std::size_t data_size = params == nullptr ? 0 : static_cast<std::size_t>(params->Size());
+  const std::string_view data = params == nullptr ? std::string_view() : EncodingOf(*params);
+  RequireSendable(name.size() + data.size());
 
   std::string out;
-  out.reserve(kEnvelopeSize + name.size() + data_size);
+  out.reserve(kEnvelopeSize + name.size() + data.size());
   AppendKeyValueString(out, kNameKey, name);
   AppendKeyValueInt(out, kThreadIdKey, key);
-  if (params != nullptr) AppendKeyValueStream(out, kDataKey, std::string_view(params->GetParamasPtr(), data_size));
+  if (params != nullptr) AppendKeyValueStream(out, kDataKey, data);
   if (token != 0) AppendKeyValueString(out, kSemIdKey, PointerToText(token));
   return out;
 }

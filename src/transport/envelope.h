@@ -27,6 +27,7 @@ Envelope ReadEnvelope(std::string_view payload);
 Envelope MoveEnvelope(const Envelope& envelope, std::string_view from, std::string_view to);
 
 // A request's payload. `params` may be null: then no arguments travel. `token` 0: nobody waits for the reply.
+// One that no frame can hold ends the program.
 std::string EncodeRequest(std::string_view name, int key, const MIVOParams* params, std::uintptr_t token);
 
 // Completes a reply that a server's handler has filled: name, then key and token if the request had them.

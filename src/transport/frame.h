@@ -13,13 +13,19 @@ namespace mivo {
 // The length counts the payload only. It goes out in the byte order of this machine, little-endian.
 inline constexpr std::size_t kFramePrefixSize = 4;
 
+// The payload's and the whole frame's length are counted by signed 32-bit numbers.
+inline constexpr std::size_t kLongestPayload =
+    static_cast<std::size_t>(std::numeric_limits<std::int32_t>::max()) - kFramePrefixSize;
+
+// A message that nobody can send ends the program that makes it, rather than travel with a wrapped length. To be called
+// before it is copied: without memory for that, there would be an exception instead.
+inline void RequireSendable(std::size_t size) {
+  if (size > kLongestPayload) std::abort();
+}
+
 struct Frame {
-  // A payload whose frame would not fit a signed 32-bit length cannot be sent by anyone: it ends the program here
-  // rather than travel with a wrapped length.
   explicit Frame(std::string bytes) : payload(std::move(bytes)) {
-    if (payload.size() > static_cast<std::size_t>(std::numeric_limits<std::int32_t>::max()) - kFramePrefixSize) {
-      std::abort();
-    }
+    RequireSendable(payload.size());
     length = static_cast<std::int32_t>(payload.size());
   }
 

@@ -11,6 +11,9 @@ namespace mivo {
 // Appends records of the parameter encoding in place. The start of `out` is the start of the encoding: every scalar
 // record ends in a stamp that says where in `out` it stands, so bytes encoded elsewhere cannot be appended.
 //
+// Counts and stamps have 32 bits. What needs more wraps here and does not decode; it cannot be sent either, for a frame
+// holds half of that.
+//
 // Texts may view `out` itself. An operation that runs out of memory throws std::bad_alloc and leaves `out` as it was.
 
 inline constexpr std::size_t kIntRecordSize = 9;

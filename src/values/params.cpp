@@ -1,5 +1,7 @@
 #include <mivo/params.h>
 
+#include <algorithm>
+#include <climits>
 #include <memory>
 #include <string_view>
 
@@ -225,7 +227,7 @@ const char* MIVOParams::GetParamasPtr() const {
 }
 
 int MIVOParams::GetParamasSize() const {
-  return static_cast<int>(buffer_->size());
+  return static_cast<int>(std::min<std::size_t>(buffer_->size(), INT_MAX));
 }
 
 int MIVOParams::Size() const {
@@ -254,6 +256,7 @@ MIVOValue* MIVOParams::GetValue(int index) const {
 }
 
 MIVOValue* MIVOParams::GetMap(const char* key) const {
+  if (key == nullptr) return nullptr;
   const auto entry = keyed_values_->find(key);
   return entry == keyed_values_->end() ? nullptr : entry->second;
 }

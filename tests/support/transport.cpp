@@ -5,13 +5,14 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cstdlib>
 #include <stdexcept>
 
 namespace mivo_test {
 namespace {
 
 constexpr int kFirstPort = 10000;
-constexpr int kPortCount = 22000;
+constexpr unsigned kPortCount = 22000;
 
 // Bound on both families without address reuse, so that it fails where anybody has the port; reusable only afterwards,
 // so that the server under test can bind beside it.
@@ -55,10 +56,24 @@ std::string SocketPath(const std::string& name) {
   return "/tmp/echo.sock." + name;
 }
 
+std::string ChownRemark(Transport transport) {
+  if (transport != Transport::Local) return "";
+  static const bool may_give_away = [] {
+    char path[] = "/tmp/mivo_test_chown.XXXXXX";
+    const int file = mkstemp(path);
+    if (file < 0) throw std::runtime_error("no file to give away in /tmp");
+    const bool given = fchown(file, 1000, 1000) == 0;
+    unlink(path);
+    close(file);
+    return given;
+  }();
+  return may_give_away ? "" : "chown error";
+}
+
 int FreePort(Transport) {
-  static std::atomic<int> next{getpid() * 7919 % kPortCount};
-  for (int tries = 0; tries < kPortCount; ++tries) {
-    const int port = kFirstPort + next++ % kPortCount;
+  static std::atomic<unsigned> next{static_cast<unsigned>(getpid()) % kPortCount * 7919u % kPortCount};
+  for (unsigned tries = 0; tries < kPortCount; ++tries) {
+    const int port = kFirstPort + static_cast<int>(next++ % kPortCount);
     if (Reserve(port)) return port;
   }
   throw std::runtime_error("no free port");

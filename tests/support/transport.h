@@ -37,6 +37,9 @@ struct Address {
 std::string UniqueSocketName();
 std::string SocketPath(const std::string& name);
 
+// What a server prints when it has made its socket and the user who runs the tests may not give files away.
+std::string ChownRemark(Transport transport);
+
 // A port on which nobody listens, kept from other tests until this process ends: a socket stays bound to it without
 // listening. Outside the range from which the system picks ports by itself.
 int FreePort(Transport family);

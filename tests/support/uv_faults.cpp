@@ -2,6 +2,7 @@
 
 #include <dlfcn.h>
 #include <pthread.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <uv.h>
@@ -259,6 +260,14 @@ int chown(const char* path, uid_t owner, gid_t group) noexcept {
   static const auto real = Real<int (*)(const char*, uid_t, gid_t)>("chown");
   const int error = ErrorOfThisCall(Fault::kChown);
   if (error == 0) return real(path, owner, group);
+  errno = -error;
+  return -1;
+}
+
+int accept4(int listener, struct sockaddr* address, socklen_t* size, int flags) {
+  static const auto real = Real<decltype(&accept4)>("accept4");
+  const int error = ErrorOfThisCall(Fault::kAcceptCall);
+  if (error == 0) return real(listener, address, size, flags);
   errno = -error;
   return -1;
 }

@@ -27,12 +27,13 @@ enum class Fault {
   kThreadCreate,  // of any thread, libuv's or not
   kChmod,
   kChown,
+  kAcceptCall,     // accept4, under libuv: what waits goes on waiting
   kListenerError,  // the connection callback is first called with the error, then as it would have been
   kCount
 };
 
 // While it lives, calls number `first` to `first` + `count` - 1 of the function, counted from now on over the whole
-// process, fail with `error` (a libuv error code; for threads, chmod and chown the negative errno).
+// process, fail with `error` (a libuv error code; for threads and calls of the C library the negative errno).
 class ScopedFault {
  public:
   ScopedFault(Fault fault, int first, int count, int error);

@@ -405,12 +405,23 @@ TEST_P(ClientCalls, AReplyWithoutAThreadIdIsDropped) {
   EXPECT_GE(call->elapsed_ms(), 300);
 }
 
+// These calls last as long as their time-out, so that it is short; and the reply has to be there before it is over. On
+// a busy machine it may come later: then once more.
 TEST_P(ClientCalls, AReplyWithoutASemaphoreIsReturnedWhenTheTimeIsOver) {
-  const auto call = Start("foo", 9, 1000);
-  Next();
-  ASSERT_TRUE(SendAndWait(ServerReply(Wire().Int(1), 9, std::nullopt)));
-  EXPECT_EQ(TakeInt(call->Wait()), 1);
-  EXPECT_GE(call->elapsed_ms(), 1000);
+  bool in_time = false;
+  for (int attempt = 0; attempt < 10 && !in_time; ++attempt) {
+    const Stopwatch watch;
+    const auto call = Start("foo", 9, 1000);
+    Next();
+    ASSERT_TRUE(SendAndWait(ServerReply(Wire().Int(1), 9, std::nullopt)));
+    in_time = watch.ElapsedMs() < 950;
+    const std::optional<int> reply = TakeInt(call->Wait());
+    EXPECT_GE(call->elapsed_ms(), 1000);
+    if (in_time) {
+      EXPECT_EQ(reply, 1);
+    }
+  }
+  EXPECT_TRUE(in_time);
 }
 
 TEST_P(ClientCalls, AReplyWithAForeignSemaphoreIsReturnedWhenTheTimeIsOver) {
@@ -423,17 +434,27 @@ TEST_P(ClientCalls, AReplyWithAForeignSemaphoreIsReturnedWhenTheTimeIsOver) {
       ServerReply(Wire().Int(6), 6, std::string(5000, '7')),
       Wire().Int(7).KeyString("s_c_sw_name", "retval").KeyInt("s_c_sw_threadid", 7).KeyInt("s_c_sw_semid", 7),
   };
-  std::vector<std::unique_ptr<PendingCall>> calls;
-  int key = 0;
-  for (const std::string& reply : foreign) {
-    calls.push_back(Start("foo", ++key, 1000));
-    Next();
-    ASSERT_TRUE(SendAndWait(reply));
+  bool in_time = false;
+  for (int attempt = 0; attempt < 10 && !in_time; ++attempt) {
+    const Stopwatch watch;
+    std::vector<std::unique_ptr<PendingCall>> calls;
+    int key = 0;
+    for (const std::string& reply : foreign) {
+      calls.push_back(Start("foo", ++key, 1000));
+      Next();
+      ASSERT_TRUE(SendAndWait(reply));
+    }
+    in_time = watch.ElapsedMs() < 950;
+    for (int i = 1; i <= key; ++i) {
+      PendingCall& call = *calls[static_cast<std::size_t>(i - 1)];
+      const std::optional<int> reply = TakeInt(call.Wait());
+      EXPECT_GE(call.elapsed_ms(), 1000);
+      if (in_time) {
+        EXPECT_EQ(reply, i);
+      }
+    }
   }
-  for (int i = 1; i <= key; ++i) {
-    EXPECT_EQ(TakeInt(calls[static_cast<std::size_t>(i - 1)]->Wait()), i);
-    EXPECT_GE(calls[static_cast<std::size_t>(i - 1)]->elapsed_ms(), 1000);
-  }
+  EXPECT_TRUE(in_time);
 }
 
 TEST_P(ClientCalls, AReplyWithTheSemaphoreAndAnotherThreadIdWakesItsCallWithNothing) {
@@ -483,12 +504,18 @@ TEST_P(ClientCalls, TheAnswersOfAPostAndOfACallInOneChunkAreNotMixed) {
 }
 
 TEST_P(ClientRoundTrips, TheReplyOfAServerThatCloseServerAsksForIsReturnedWhenTheTimeIsOver) {
-  const Stopwatch watch;
-  MIVOParams* const reply = client_->SendMsg("s_c_close_server", nullptr, 0, 1000);
-  EXPECT_GE(watch.ElapsedMs(), 1000);
-  ASSERT_EQ(reply->ParamsSize(), 1);
-  EXPECT_TRUE(reply->GetValue(0)->IsBool());
-  EXPECT_TRUE(reply->GetValue(0)->GetBool());
+  bool in_time = false;
+  for (int attempt = 0; attempt < 5 && !in_time; ++attempt) {
+    const Stopwatch watch;
+    MIVOParams* const reply = client_->SendMsg("s_c_close_server", nullptr, 0, 1000);
+    EXPECT_GE(watch.ElapsedMs(), 1000);
+    if (TakeError(reply) == -1001) continue;
+    in_time = true;
+    ASSERT_EQ(reply->ParamsSize(), 1);
+    EXPECT_TRUE(reply->GetValue(0)->IsBool());
+    EXPECT_TRUE(reply->GetValue(0)->GetBool());
+  }
+  EXPECT_TRUE(in_time);
   EXPECT_EQ(Echo(client_.get(), 5, 0), 5) << "the server serves on";
 }
 

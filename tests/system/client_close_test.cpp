@@ -58,16 +58,18 @@ bool EndsInTheEnd(RawPeer* peer) {
 
 TEST_P(ClientClose, WaitsForTheLoopThreadAndATenthOfASecondMore) {
   const Resources before = CountResourcesWhenWarm();
+  const std::set<int> threads_before = Threads();
   TestClient client;
   {
     RawPeer peer = client.InitAgainst(server_);
     ASSERT_TRUE(peer.connected());
-    EXPECT_TRUE(Eventually([&] { return CountResources().threads == before.threads + 1; }));
+    EXPECT_TRUE(HasNewThreads(threads_before, 1));
     const Stopwatch watch;
     client->close();
     EXPECT_GE(watch.ElapsedMs(), 99);
     EXPECT_LT(watch.ElapsedMs(), 20000);
     EXPECT_FALSE(client->isok());
+    EXPECT_TRUE(HasNewThreads(threads_before, 0));
   }
   ExpectSameResources(before);
 }
@@ -134,11 +136,12 @@ TEST(FreshClient, IsClosedWithoutHarm) {
 
 TEST_P(ClientClose, AClientWhoseServerWentAwayIsClosedWithItsThread) {
   const Resources before = CountResourcesWhenWarm();
+  const std::set<int> threads_before = Threads();
   TestClient client;
   RawPeer peer = client.InitAgainst(server_);
   peer.Close();
   ASSERT_TRUE(Eventually([&] { return !client->isok(); }));
-  EXPECT_TRUE(Eventually([&] { return CountResources().threads == before.threads + 1; })) << "the loop still runs";
+  EXPECT_TRUE(HasNewThreads(threads_before, 1)) << "the loop still runs";
   const Stopwatch watch;
   {
     StdoutCapture output;

@@ -2,6 +2,7 @@
 
 #include "support/event.h"
 #include "support/raw_server.h"
+#include "support/shared_names.h"
 #include "support/stdout_capture.h"
 #include "support/teardown.h"
 #include "support/test_client.h"
@@ -469,13 +470,14 @@ TEST_P(ClientOverTcp, APortThatIsNoneCannotBeConnectedTo) {
 }
 
 TEST(ClientNames, NoNameIsTheEmptyName) {
-  // Another test of this machine may be listening under the empty name at this moment.
+  // Nobody listens under it while this is our turn.
+  const SharedNames turn;
   for (const char* name : {"", static_cast<const char*>(nullptr)}) {
     TestClient client;
     StdoutCapture output;
-    const bool connected = client->InitMIVOClient(name, true);
-    EXPECT_EQ(output.Count("connect:  \n") + output.Count("connected:  \n"), 1);
-    EXPECT_TRUE(connected || output.Contains("cant connect"));
+    EXPECT_FALSE(client->InitMIVOClient(name, true));
+    EXPECT_EQ(output.Count("connect:  \n"), 1);
+    EXPECT_TRUE(output.Contains("cant connect"));
   }
 }
 
@@ -629,15 +631,37 @@ TEST_P(ClientConnection, TheStepOfTheSweepCannotBeChanged) {
   }
 }
 
+// On a busy machine a call may end late, so one timely call is looked for, here and below.
 TEST_P(ClientConnection, TheFirstSweepComesHalfASecondAfterConnecting) {
+  bool timely = false;
+  for (int attempt = 0; attempt < 10 && !timely; ++attempt) {
+    RawServer server(GetParam());
+    TestClient client;
+    const Stopwatch watch;
+    RawPeer peer = client.InitAgainst(server);
+    ASSERT_TRUE(peer.connected());
+    ASSERT_EQ(TakeError(client->SendMsg("silence", nullptr, 0, 50)), -1001);
+    EXPECT_GE(watch.ElapsedMs(), 495);
+    timely = watch.ElapsedMs() < 900 * kSlowdown;
+  }
+  EXPECT_TRUE(timely);
+}
+
+TEST_P(ClientConnection, TheSweepComesEveryTenthOfASecond) {
   RawServer server(GetParam());
   TestClient client;
-  const Stopwatch watch;
   RawPeer peer = client.InitAgainst(server);
   ASSERT_TRUE(peer.connected());
-  EXPECT_EQ(TakeError(client->SendMsg("silence", nullptr, 0, 50)), -1001);
-  EXPECT_GE(watch.ElapsedMs(), 495);
-  EXPECT_LT(watch.ElapsedMs(), 20000);
+  // With this one the first sweep has been.
+  ASSERT_EQ(TakeError(client->SendMsg("silence", nullptr, 0, 1)), -1001);
+  bool timely = false;
+  for (int attempt = 0; attempt < 20 && !timely; ++attempt) {
+    const Stopwatch watch;
+    ASSERT_EQ(TakeError(client->SendMsg("silence", nullptr, 0, 150)), -1001);
+    EXPECT_GE(watch.ElapsedMs(), 150);
+    timely = watch.ElapsedMs() < 350 * kSlowdown;
+  }
+  EXPECT_TRUE(timely);
 }
 
 }  // namespace

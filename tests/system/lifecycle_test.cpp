@@ -102,6 +102,7 @@ TEST_P(Lifecycle, TwoThreadsMayInitAtOnce) {
   const auto server = QuietServer();
   ASSERT_TRUE(server->Init());
   const Resources before = CountResourcesWhenWarm();
+  const std::set<int> threads_before = Threads();
   {
     TestClient client;
     std::vector<std::thread> threads;
@@ -112,8 +113,7 @@ TEST_P(Lifecycle, TwoThreadsMayInitAtOnce) {
       thread.join();
     EXPECT_EQ(connected, 2);
     EXPECT_EQ(Echo(client.get(), 1, 0), 1);
-    EXPECT_TRUE(Eventually([&] { return CountResources().threads == before.threads + 1; }))
-        << "one connection, one thread";
+    EXPECT_TRUE(HasNewThreads(threads_before, 1)) << "one connection, one thread";
   }
   ExpectSameResources(before);
 }

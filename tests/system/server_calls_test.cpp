@@ -140,10 +140,13 @@ TEST_P(ServerCalls, ReturnTheNewReplyWhenTheKeyIsUsedAgain) {
 
 TEST_P(ServerCalls, ToAnUnknownClientReturnNothingAtOnce) {
   const Stopwatch watch;
-  EXPECT_EQ(server_->SendMsg(id_ + 1, "foo", nullptr, 9, kLongTimeout), nullptr);
+  // So many that not even a sweep is waited for.
+  for (int i = 0; i < 1000; ++i)
+    ASSERT_EQ(server_->SendMsg(id_ + 1, "foo", nullptr, 9, kLongTimeout), nullptr);
+  EXPECT_LT(watch.ElapsedMs(), 2 * kFarBelow);
   EXPECT_EQ(server_->SendMsg(-12345, "foo", nullptr, 9, kLongTimeout), nullptr);
   EXPECT_EQ(server_->SendMsg(0, "foo", nullptr, 9, kLongTimeout), nullptr);
-  EXPECT_LT(watch.ElapsedMs(), kFarBelow);
+  EXPECT_LT(watch.ElapsedMs(), 2 * kFarBelow);
   EXPECT_TRUE(peer_.AnswersInOrder());
 }
 
@@ -184,21 +187,43 @@ TEST_P(ServerCalls, WithTimeOutZeroEndAtTheNextSweep) {
   EXPECT_LT(second.ElapsedMs(), kFarBelow);
 }
 
+// These calls last as long as their time-out, so that it is short; and the reply has to be there before it is over. On
+// a busy machine it may come later: then once more, under another key.
 TEST_P(ServerCalls, AReplyWithoutWaiterIsReturnedWhenTheTimeIsOver) {
-  Background<MIVOParams*> call([&] { return Call("foo", nullptr, 9, 800); });
-  ASSERT_TRUE(peer_.ReadFrame());
-  ASSERT_TRUE(peer_.SendFrame(ClientReply(Wire().Int(1), 9, std::nullopt)));
-  EXPECT_EQ(IntAt(call.Get(), 0), 1);
-  EXPECT_GE(call.ElapsedMs(), 800);
+  bool in_time = false;
+  for (int key = 1; key <= 10 && !in_time; ++key) {
+    const Stopwatch watch;
+    Background<MIVOParams*> call([&] { return Call("foo", nullptr, key, 800); });
+    ASSERT_TRUE(peer_.ReadFrame());
+    ASSERT_TRUE(peer_.SendFrame(ClientReply(Wire().Int(1), key, std::nullopt)));
+    ASSERT_TRUE(peer_.AnswersInOrder()) << "and has taken the reply";
+    in_time = watch.ElapsedMs() < 750;
+    const MIVOParams* const reply = call.Get();
+    EXPECT_GE(call.ElapsedMs(), 800);
+    if (in_time) {
+      EXPECT_EQ(IntAt(reply, 0), 1);
+    }
+  }
+  EXPECT_TRUE(in_time);
 }
 
 TEST_P(ServerCalls, AReplyWithAForeignWaiterIsReturnedWhenTheTimeIsOver) {
-  Background<MIVOParams*> call([&] { return Call("foo", nullptr, 9, 800); });
-  ASSERT_TRUE(peer_.ReadFrame());
-  for (const char* waiter : {"0xdead", "no number", ""})
-    ASSERT_TRUE(peer_.SendFrame(ClientReply(Wire().Int(1), 9, waiter)));
-  EXPECT_EQ(IntAt(call.Get(), 0), 1);
-  EXPECT_GE(call.ElapsedMs(), 800);
+  bool in_time = false;
+  for (int key = 1; key <= 10 && !in_time; ++key) {
+    const Stopwatch watch;
+    Background<MIVOParams*> call([&] { return Call("foo", nullptr, key, 800); });
+    ASSERT_TRUE(peer_.ReadFrame());
+    for (const char* waiter : {"0xdead", "no number", ""})
+      ASSERT_TRUE(peer_.SendFrame(ClientReply(Wire().Int(1), key, waiter)));
+    ASSERT_TRUE(peer_.AnswersInOrder()) << "and has taken the reply";
+    in_time = watch.ElapsedMs() < 750;
+    const MIVOParams* const reply = call.Get();
+    EXPECT_GE(call.ElapsedMs(), 800);
+    if (in_time) {
+      EXPECT_EQ(IntAt(reply, 0), 1);
+    }
+  }
+  EXPECT_TRUE(in_time);
 }
 
 TEST_P(ServerCalls, ATimeOutAfterASuccessOnTheKeyReturnsTheOldReply) {

@@ -61,9 +61,10 @@ INSTANTIATE_TEST_SUITE_P(OnEveryTransport, ServerDiagnostics, kEveryTransport, T
 TEST_P(ServerDiagnostics, ANewServerPrintsItsDebugLines) {
   StdoutCapture output;
   ASSERT_TRUE(server_.Init());
-  EXPECT_EQ(output.Text(), StartLine(server_.address()));
+  const std::string started = StartLine(server_.address()) + ChownRemark(GetParam());
+  EXPECT_EQ(output.Text(), started);
   EXPECT_TRUE(server_->close());
-  EXPECT_EQ(output.Text(), StartLine(server_.address()) + "Server Closing!\nServer Closed!\n");
+  EXPECT_EQ(output.Text(), started + "Server Closing!\nServer Closed!\n");
 }
 
 // Nothing is flushed by the test: the text has reached the descriptor, which is no terminal, by the library alone.
@@ -86,7 +87,7 @@ TEST_P(ServerDiagnostics, LevelZeroSilencesTheDebugLines) {
   server_->closeasync();
   server_->closeasync();
   server_.Destroy();
-  EXPECT_EQ(output.Text(), "");
+  EXPECT_EQ(output.Text(), ChownRemark(GetParam()));
 }
 
 TEST_P(ServerDiagnostics, ANegativeLevelSilencesTheDebugLines) {
@@ -94,7 +95,7 @@ TEST_P(ServerDiagnostics, ANegativeLevelSilencesTheDebugLines) {
   Log(server_.get(), "some text", -3);
   ASSERT_TRUE(server_.Init());
   server_.Destroy();
-  EXPECT_EQ(output.Text(), "");
+  EXPECT_EQ(output.Text(), ChownRemark(GetParam()));
 }
 
 TEST_P(ServerDiagnostics, APositiveLevelBringsTheDebugLinesBack) {
@@ -102,7 +103,7 @@ TEST_P(ServerDiagnostics, APositiveLevelBringsTheDebugLinesBack) {
   EXPECT_EQ(Log(server_.get(), "", 0), 0);
   EXPECT_EQ(Log(server_.get(), "some text", 1), 1);
   ASSERT_TRUE(server_.Init());
-  EXPECT_EQ(output.Text(), StartLine(server_.address()));
+  EXPECT_EQ(output.Text(), StartLine(server_.address()) + ChownRemark(GetParam()));
   EXPECT_EQ(Log(server_.get(), "", -1), 0);
   EXPECT_EQ(Log(server_.get(), "", 2), 0);
   server_->close();
@@ -129,7 +130,7 @@ TEST_P(ServerDiagnostics, AReadErrorAppearsAtLevelZero) {
   peer.Reset();
   EXPECT_TRUE(output.WaitFor("Read error ECONNRESET\n"));
   server_.Destroy();
-  EXPECT_EQ(output.Text(), "Read error ECONNRESET\n");
+  EXPECT_EQ(output.Text(), ChownRemark(GetParam()) + "Read error ECONNRESET\n");
 }
 
 TEST_P(ServerDiagnostics, DirectLinesAppearAtLevelZero) {
@@ -139,7 +140,7 @@ TEST_P(ServerDiagnostics, DirectLinesAppearAtLevelZero) {
   RawPeer peer = server_.Connect();
   ASSERT_TRUE(peer.SendFrame(""));
   ASSERT_TRUE(peer.AnswersInOrder());
-  EXPECT_EQ(output.Text(), "event empty!\n");
+  EXPECT_EQ(output.Text(), ChownRemark(GetParam()) + "event empty!\n");
 }
 
 TEST_P(ServerDiagnostics, ASinkReceivesEveryLineInPlaceOfStandardOutput) {
@@ -164,7 +165,7 @@ TEST_P(ServerDiagnostics, ASinkReceivesEveryLineInPlaceOfStandardOutput) {
   EXPECT_EQ(server_->SendMsg(1, "name", nullptr, 0, 10), nullptr);
   EXPECT_EQ(journal.lines().back(), "send msg: disconnect... .. .\n");
   server_.Destroy();
-  EXPECT_EQ(output.Text(), "");
+  EXPECT_EQ(output.Text(), ChownRemark(GetParam()));
 }
 
 TEST_P(ServerDiagnostics, ASinkAtLevelZeroReceivesErrorLinesOnly) {
@@ -305,7 +306,8 @@ TEST(ServerLog, LevelsAreKeptPerServer) {
   StdoutCapture output;
   ASSERT_TRUE(loud.Init());
   ASSERT_TRUE(quiet.Init());
-  EXPECT_EQ(output.Text(), StartLine(loud.address()));
+  const std::string remark = ChownRemark(Transport::Local);
+  EXPECT_EQ(output.Text(), StartLine(loud.address()) + remark + remark);
 }
 
 TEST(ServerLog, SinksAreKeptPerServer) {
@@ -317,7 +319,8 @@ TEST(ServerLog, SinksAreKeptPerServer) {
   StdoutCapture output;
   ASSERT_TRUE(recorded.Init());
   ASSERT_TRUE(plain.Init());
-  EXPECT_EQ(output.Text(), StartLine(plain.address()));
+  const std::string remark = ChownRemark(Transport::Local);
+  EXPECT_EQ(output.Text(), remark + StartLine(plain.address()) + remark);
   EXPECT_EQ(journal.lines(), Lines{StartLine(recorded.address())});
 }
 
@@ -352,7 +355,7 @@ TEST(ServerLog, PrintsPercentSignsAsTheyAre) {
   TestServer server(Transport::Local);
   StdoutCapture output;
   ASSERT_TRUE(server->StartMIVOServer(name.c_str()));
-  EXPECT_EQ(output.Text(), "Pipe " + std::string(kBanner) + " port:" + name + "\n");
+  EXPECT_EQ(output.Text(), "Pipe " + std::string(kBanner) + " port:" + name + "\n" + ChownRemark(Transport::Local));
 }
 
 TEST(ServerLog, LinesOfSeveralThreadsStayWhole) {

@@ -311,7 +311,8 @@ TEST_P(ServerDispatch, AHandlerMayBeRegisteredWhileServing) {
   LambdaMethod handler([](int, MIVOParams*, MIVOParams* reply) { reply->AddInt(1); });
   server_->SetCustomReleaseEvent();
   std::thread registering([&] {
-    for (int i = 0; !stop; ++i)
+    // Every name at least once, also when this thread first runs after all requests.
+    for (int i = 0; i < 50 || !stop; ++i)
       server_->method(std::to_string(i % 50).c_str(), &handler);
   });
   for (int i = 0; i < 200; ++i)
@@ -504,11 +505,12 @@ TEST_P(ServerDispatch, AReceiverTakesASetThatIsNoSlice) {
                                       Wire().KeyString("s_c_sw_threadid", "9").Bool(true).Int(7),
                                       Wire().KeyInt("s_c_sw_threadid", 8).Int(-1).Stream("")};
   for (const std::string& set : sets) {
-    const auto reply = peer_.Exchange(Request({"s_c_req_body", 9, set}));
+    RawPeer peer = server_.Connect();
+    const auto reply = peer.Exchange(Request({"s_c_req_body", 9, set}));
     // Where a whole was completed by nothing, its empty result may be sent back in a slice first.
     ASSERT_TRUE(reply.has_value());
-    if (TextOf(*reply, "s_c_sw_name") == "s_c_req_body") break;
-    EXPECT_EQ(TextOf(*reply, "s_c_sw_name"), "retval");
+    const std::string name = TextOf(*reply, "s_c_sw_name").value_or("none");
+    EXPECT_TRUE(name == "retval" || name == "s_c_req_body") << name;
   }
   EXPECT_TRUE(server_.Connect().AnswersInOrder());
 }

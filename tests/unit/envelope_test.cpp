@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <mivo/params.h>
+#include <signal.h>
 
 #include <optional>
 #include <string>
@@ -9,6 +10,7 @@
 
 #include "support/golden.h"
 #include "transport/builtin_keys.h"
+#include "unit/large_memory.h"
 #include "unit/payload.h"
 
 namespace mivo {
@@ -283,6 +285,30 @@ TEST(ClientReplyTail, EchoesAForeignSemaphoreAsItCame) {
   std::string reply;
   AppendClientReplyTail(reply, RequestBy(1, "not a pointer"));
   EXPECT_EQ(ReadEnvelope(reply).sem_id, "not a pointer");
+}
+
+TEST(EncodeRequestDeathTest, EndsTheProgramForArgumentsThatNoFrameCanHold) {
+  MIVO_SKIP_WITHOUT_LARGE_MEMORY();
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(
+      {
+        MIVOParams params;
+        params.GetParamas()->resize(std::size_t{1} << 31);
+        EncodeRequest("sum", 9, &params, 0);
+      },
+      testing::KilledBySignal(SIGABRT), "");
+}
+
+TEST(EncodeRequestDeathTest, EndsTheProgramForArgumentsOfWhichAnIntWouldCountAFewBytes) {
+  MIVO_SKIP_WITHOUT_LARGE_MEMORY();
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(
+      {
+        MIVOParams params;
+        params.GetParamas()->resize((std::size_t{1} << 32) + 10);
+        EncodeRequest("sum", 9, &params, 0);
+      },
+      testing::KilledBySignal(SIGABRT), "");
 }
 
 }  // namespace

@@ -156,8 +156,10 @@ TEST(HandOver, LosesNothingThatItTookWhileItWasClosed) {
     std::vector<std::thread> pushers;
     for (int i = 0; i < 3; ++i) {
       pushers.emplace_back([&] {
-        while (queue.Push(1))
+        while (queue.Push(1)) {
           ++taken;
+          std::this_thread::yield();  // on one processor the loop would hardly get a turn
+        }
       });
     }
     EXPECT_TRUE(loop.RunUntil([&] { return handed_on > 0; }));

@@ -5,10 +5,13 @@
 
 #include <atomic>
 #include <functional>
+#include <memory>
+#include <string_view>
 #include <thread>
 #include <utility>
 #include <vector>
 
+#include "calls/in_order_method.h"
 #include "support/handlers.h"
 
 namespace mivo {
@@ -156,6 +159,42 @@ TEST(HandlerTable, LetsAnApplicationTakeTheNameOfABuiltinHandlerOnAServer) {
   EXPECT_EQ(table.Find("builtin"), own);
   End(table);
   EXPECT_EQ(builtin_deletions.count, 0);
+  EXPECT_EQ(deletions.count, 1);
+}
+
+class InOrderLambda : public InOrderMethod {
+ public:
+  void OnCall(int, MIVOParams*, MIVOParams*) override {}
+  std::unique_ptr<IServerMethod> Arrive(std::string_view) override { return nullptr; }
+};
+
+TEST(HandlerTable, KnowsWhichHandlerHearsOfItsRequestsWhenTheyArrive) {
+  for (const Rules rules : kBoth) {
+    HandlerTable table(rules);
+    InOrderLambda in_order;
+    LambdaMethod builtin(nullptr);
+    table.RegisterInOrder("in order", &in_order);
+    table.RegisterBuiltin("builtin", &builtin);
+    EXPECT_EQ(table.Find("in order"), &in_order);
+    EXPECT_EQ(table.FindInOrder("in order"), &in_order);
+    EXPECT_EQ(table.FindInOrder("builtin"), nullptr);
+    EXPECT_EQ(table.FindInOrder("nobody"), nullptr);
+    End(table);
+    EXPECT_EQ(table.FindInOrder("in order"), nullptr);
+    table.Open();
+    EXPECT_EQ(table.FindInOrder("in order"), &in_order);
+    End(table);
+  }
+}
+
+TEST(HandlerTable, TellsNoHandlerOfArrivalsUnderANameThatTheApplicationHasTaken) {
+  HandlerTable table(Rules::kOfAServer);
+  InOrderLambda in_order;
+  Deletions deletions;
+  table.RegisterInOrder("in order", &in_order);
+  table.Register("in order", NewMethod(deletions));
+  EXPECT_EQ(table.FindInOrder("in order"), nullptr);
+  End(table);
   EXPECT_EQ(deletions.count, 1);
 }
 

@@ -7,6 +7,8 @@
 #include <string>
 #include <type_traits>
 
+#include "unit/large_memory.h"
+
 namespace {
 
 std::string TextOf(const MIVOValue& value) {
@@ -328,6 +330,14 @@ TEST(MIVOParams, SharesTheDecodedValuesWithItsCopy) {
   delete static_cast<std::vector<MIVOValue*>*>(fields[2]);
   delete static_cast<std::map<std::string, MIVOValue*>*>(fields[3]);
   delete static_cast<std::map<const char*, MIVOValue*>*>(fields[4]);
+}
+
+TEST(ParamsOfGigabytes, HaveTheLargestSizeThatAnIntCanSay) {
+  MIVO_SKIP_WITHOUT_LARGE_MEMORY();
+  MIVOParams params;
+  params.GetParamas()->resize(std::size_t{1} << 31);
+  EXPECT_EQ(params.Size(), INT_MAX);
+  EXPECT_EQ(params.GetParamasSize(), INT_MAX);
 }
 
 }  // namespace

@@ -49,6 +49,15 @@ TEST(MIVOParams, HoldsOnlyWhatItParsedLast) {
   EXPECT_EQ(*params.GetParamas(), second);
 }
 
+TEST(MIVOParams, HasNothingUnderANullKey) {
+  MIVOParams params;
+  EXPECT_EQ(params.GetMap(nullptr), nullptr);
+  params.AddKeyValueInt("", 1);
+  ASSERT_TRUE(params.ToParams());
+  ASSERT_NE(params.GetMap(""), nullptr);
+  EXPECT_EQ(params.GetMap(nullptr), nullptr);
+}
+
 TEST(MIVOParams, KeepsTheInputInItsBufferAfterAFault) {
   MIVOParams params;
   params.AddInt(1);

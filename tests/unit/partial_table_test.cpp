@@ -2,9 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <climits>
+#include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -66,6 +69,98 @@ TEST(PartialTable, AppendsTheNextTransferToWhatAnEarlierOneLeft) {
   PartialTable table;
   EXPECT_EQ(table.Add({9, 100, "left over "}), std::nullopt);
   EXPECT_EQ(table.Add({9, 4, "next"}), "left over next");
+}
+
+TEST(PartialTable, AppendsSlicesInTheOrderOfTheirArrivalWhicheverIsBroughtFirst) {
+  PartialTable table;
+  PartialTable::Arrival first(table, {9, 9, "abc"});
+  PartialTable::Arrival second(table, {9, 9, "def"});
+  PartialTable::Arrival third(table, {9, 9, "ghi"});
+  EXPECT_EQ(second.Append(), std::nullopt);
+  EXPECT_EQ(third.Append(), "abcdefghi");
+  EXPECT_EQ(first.Append(), std::nullopt);
+}
+
+TEST(PartialTable, GivesTheWholeToTheSliceThatCompletesItAlsoWhenALaterOneCameFirst) {
+  PartialTable table;
+  PartialTable::Arrival first(table, {9, 6, "abc"});
+  PartialTable::Arrival last(table, {9, 6, "def"});
+  PartialTable::Arrival of_the_next(table, {9, 6, "ABC"});
+  EXPECT_EQ(of_the_next.Append(), std::nullopt);
+  EXPECT_EQ(last.Append(), "abcdef");
+  EXPECT_EQ(last.Append(), std::nullopt);
+  EXPECT_EQ(first.Append(), std::nullopt);
+  EXPECT_EQ(table.Add({9, 6, "DEF"}), "ABCDEF");
+}
+
+TEST(PartialTable, TakesBackASliceThatIsNeverBrought) {
+  PartialTable table;
+  PartialTable::Arrival first(table, {9, 6, "abc"});
+  auto dropped = std::make_unique<PartialTable::Arrival>(table, Slice{9, 6, "xyz"});
+  PartialTable::Arrival last(table, {9, 6, "def"});
+  dropped.reset();
+  EXPECT_EQ(last.Append(), "abcdef");
+}
+
+TEST(PartialTable, KeepsASliceThatALaterOneHasBroughtAlong) {
+  PartialTable table;
+  auto dropped = std::make_unique<PartialTable::Arrival>(table, Slice{9, 6, "abc"});
+  PartialTable::Arrival last(table, {9, 6, "def"});
+  EXPECT_EQ(last.Append(), "abcdef");
+  dropped.reset();
+  EXPECT_EQ(table.Add({9, 1, "x"}), "x");
+}
+
+TEST(PartialTable, TakesSlicesBackWhileOthersAreAppended) {
+  constexpr int kRounds = 200;
+  PartialTable table;
+  const std::string bytes(4096, 'x');
+  for (int round = 0; round < kRounds; ++round) {
+    auto dropped = std::make_unique<PartialTable::Arrival>(table, Slice{9, INT_MAX, bytes});
+    PartialTable::Arrival next(table, {9, 1, bytes});
+    std::thread appending([&] {
+      const std::optional<std::string> whole = next.Append();
+      // The one before it came in time or it did not.
+      ASSERT_TRUE(whole);
+      EXPECT_TRUE(whole->size() == bytes.size() || whole->size() == 2 * bytes.size());
+    });
+    dropped.reset();
+    appending.join();
+  }
+}
+
+TEST(PartialTable, KeepsTheOrderWithAnyNumberOfThreads) {
+  constexpr int kRounds = 50;
+  constexpr int kSlices = 64;
+  constexpr int kThreads = 4;
+  std::string expected;
+  for (int i = 0; i < kSlices; ++i)
+    expected += static_cast<char>('0' + i);
+  PartialTable table;
+  for (int round = 0; round < kRounds; ++round) {
+    std::vector<std::unique_ptr<PartialTable::Arrival>> arrivals;
+    for (int i = 0; i < kSlices; ++i) {
+      const std::string_view byte = std::string_view(expected).substr(static_cast<std::size_t>(i), 1);
+      arrivals.push_back(std::make_unique<PartialTable::Arrival>(table, Slice{9, kSlices, byte}));
+    }
+    std::atomic<int> next{0};
+    std::atomic<int> wholes{0};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < kThreads; ++i) {
+      threads.emplace_back([&] {
+        for (int mine = next++; mine < kSlices; mine = next++) {
+          const std::optional<std::string> whole = arrivals[static_cast<std::size_t>(mine)]->Append();
+          if (!whole) continue;
+          ++wholes;
+          EXPECT_EQ(mine, kSlices - 1);
+          EXPECT_EQ(*whole, expected);
+        }
+      });
+    }
+    for (std::thread& thread : threads)
+      thread.join();
+    EXPECT_EQ(wholes, 1);
+  }
 }
 
 TEST(PartialTable, MakesNoRoomForWhatIsOnlyAnnounced) {

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <mivo/params.h>
 
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -54,6 +55,22 @@ TEST(RecvLargeDataClient, TakesASliceWithoutAnythingForAnEmptyResult) {
   MIVOParams reply;
   test.receiver.OnCall(42, &request, &reply);
   EXPECT_EQ(test.results, (std::vector<std::pair<int, std::string>>{{0, ""}}));
+}
+
+TEST(RecvLargeDataClient, PutsSlicesTogetherInTheOrderOfTheirArrival) {
+  Receiver test;
+  MIVOParams slices[2];
+  WriteSlice({9, 10, "01234"}, &slices[0]);
+  WriteSlice({9, 10, "56789"}, &slices[1]);
+  const std::unique_ptr<IServerMethod> first = test.receiver.Arrive(*slices[0].GetParamas());
+  const std::unique_ptr<IServerMethod> last = test.receiver.Arrive(*slices[1].GetParamas());
+  MIVOParams arguments;
+  MIVOParams reply;
+  last->OnCall(42, &arguments, &reply);
+  EXPECT_EQ(test.results, (std::vector<std::pair<int, std::string>>{{9, "0123456789"}}));
+  first->OnCall(42, &arguments, &reply);
+  EXPECT_EQ(test.results.size(), 1U);
+  EXPECT_EQ(reply.Size(), 0);
 }
 
 TEST(RecvLargeDataClient, KeepsTransfersOfDifferentKeysApart) {

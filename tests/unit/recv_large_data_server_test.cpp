@@ -2,8 +2,11 @@
 
 #include <gtest/gtest.h>
 #include <mivo/params.h>
+#include <signal.h>
 
+#include <climits>
 #include <functional>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -11,7 +14,9 @@
 
 #include "largedata/slice.h"
 #include "support/golden.h"
+#include "support/stdout_capture.h"
 #include "transport/envelope.h"
+#include "unit/large_memory.h"
 #include "unit/payload.h"
 #include "unit/slice_size_scope.h"
 
@@ -60,7 +65,7 @@ class Server {
                                [this](int client_id, int key, MIVOParams* params) {
                                  EXPECT_EQ(client_id, kClient);
                                  params->ToParams();
-                                 const Slice slice = ReadSlice(*params);
+                                 const Slice slice = ReadSlice(*params->GetParamas());
                                  EXPECT_EQ(slice.key, key);
                                  ++slices_sent;
                                  sent_back.append(slice.bytes);
@@ -123,6 +128,27 @@ TEST(RecvLargeDataServer, GivesTheMethodTheWholeRequest) {
     EXPECT_EQ(server.names.size(), 0U);
     server.Receive(Slice{9, static_cast<int>(whole.size()), std::string_view(whole).substr(i, 1)});
   }
+  EXPECT_EQ(server.names, Strings{"foo"});
+}
+
+TEST(RecvLargeDataServer, PutsSlicesTogetherInTheOrderOfTheirArrivalAndAnswersEachOne) {
+  Server server([](MIVOParams* request, MIVOParams*) { EXPECT_EQ(request->GetValue(0)->GetInt(), 5); });
+  const std::string whole = Whole("foo", Payload().Int(5));
+  const int total = static_cast<int>(whole.size());
+  MIVOParams slices[2];
+  WriteSlice({9, total, std::string_view(whole).substr(0, 20)}, &slices[0]);
+  WriteSlice({9, total, std::string_view(whole).substr(20)}, &slices[1]);
+  const std::unique_ptr<IServerMethod> first = server.receiver.Arrive(*slices[0].GetParamas());
+  const std::unique_ptr<IServerMethod> last = server.receiver.Arrive(*slices[1].GetParamas());
+  const auto reply_of = [](IServerMethod& turn) {
+    MIVOParams arguments;
+    MIVOParams reply;
+    turn.OnCall(kClient, &arguments, &reply);
+    return WithTail(*reply.GetParamas());
+  };
+  EXPECT_EQ(ToHex(reply_of(*last)), ToHex(Golden("slice_completed_reply")));
+  EXPECT_EQ(server.names, Strings{"foo"});
+  EXPECT_EQ(ToHex(reply_of(*first)), ToHex(Golden("slice_taken_reply")));
   EXPECT_EQ(server.names, Strings{"foo"});
 }
 
@@ -216,7 +242,7 @@ struct NestingServer {
                                },
                                [this](int, int, MIVOParams* params) {
                                  params->ToParams();
-                                 results.emplace_back(ReadSlice(*params).bytes);
+                                 results.emplace_back(ReadSlice(*params->GetParamas()).bytes);
                                  return true;
                                }};
 
@@ -256,6 +282,30 @@ TEST(RecvLargeDataServer, ForgetsTheDepthOfAMessageThatIsDone) {
   EXPECT_EQ(server.innermost, 0);
   server.Receive(Nested(31));
   EXPECT_EQ(server.innermost, 1);
+}
+
+// A receiver whose method `name` has a result of `size` bytes.
+std::string ReceiveWithResultOf(std::size_t size, const std::string& name) {
+  Server server([size](MIVOParams*, MIVOParams* result) {
+    result->GetParamas()->reserve(size + 200);
+    result->GetParamas()->resize(size);
+  });
+  const std::string reply = server.Receive(Only(Whole(name.c_str(), "")));
+  EXPECT_EQ(server.slices_sent, 0);
+  return WithTail(reply);
+}
+
+TEST(RecvLargeDataServerDeathTest, EndsTheProgramForAResultThatIsTooLong) {
+  MIVO_SKIP_WITHOUT_LARGE_MEMORY();
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(ReceiveWithResultOf(INT_MAX, "foo"), testing::KilledBySignal(SIGABRT), "");
+}
+
+TEST(RecvLargeDataServerDeathTest, DropsAResultThatOnlyTheNameThatWasSentMakesTooLong) {
+  MIVO_SKIP_WITHOUT_LARGE_MEMORY();
+  const mivo_test::StdoutCapture out;
+  EXPECT_EQ(ToHex(ReceiveWithResultOf(INT_MAX, std::string(1000, 'x'))), ToHex(Golden("slice_completed_reply")));
+  EXPECT_EQ(out.Text(), "write error\n");
 }
 
 }  // namespace

@@ -2,17 +2,23 @@
 
 #include <gtest/gtest.h>
 #include <mivo/params.h>
+#include <signal.h>
 
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include "base/sigpipe_guard.h"
+#include "calls/handler_table.h"
 #include "loop/work_queue.h"
+#include "support/handlers.h"
 #include "support/stdout_capture.h"
 #include "transport/connection.h"
+#include "unit/large_memory.h"
 #include "unit/payload.h"
 #include "unit/stream_pair.h"
 #include "unit/test_loop.h"
@@ -133,6 +139,51 @@ TEST(ReadArguments, TakesWhatStandsBeforeAFault) {
   EXPECT_EQ(arguments.ParamsSize(), 1);
 }
 
+// Writes down the arguments it hears of, and those that are called.
+class Recorder : public InOrderMethod {
+ public:
+  void OnCall(int, MIVOParams*, MIVOParams*) override { journal.emplace_back("out of turn"); }
+  std::unique_ptr<IServerMethod> Arrive(std::string_view arguments) override {
+    journal.emplace_back("arrived");
+    return std::make_unique<mivo_test::LambdaMethod>([this, arguments](int, MIVOParams*, MIVOParams*) {
+      journal.emplace_back(std::string("called with ") + std::string(arguments));
+    });
+  }
+
+  std::vector<std::string> journal;
+};
+
+TEST(Request, LetsItsHandlerHearOfItOnArrival) {
+  HandlerTable handlers(HandlerTable::Rules::kOfAServer);
+  Recorder recorder;
+  handlers.RegisterInOrder("put", &recorder);
+  auto bytes =
+      std::make_unique<std::string>(Payload().KeyString("s_c_sw_name", "put").KeyStream("s_c_sw_data", "data"));
+  const Request request(nullptr, *bytes, ReadEnvelope(*bytes), handlers.FindInOrder("put"));
+  bytes->assign(bytes->size(), 'x');
+  bytes.reset();
+  EXPECT_EQ(recorder.journal, std::vector<std::string>{"arrived"});
+  FindHandler(handlers, request)->OnCall(42, nullptr, nullptr);
+  EXPECT_EQ(recorder.journal, (std::vector<std::string>{"arrived", "called with data"}));
+}
+
+TEST(FindHandler, TakesWhoeverHasTheNameWhenTheRequestIsServed) {
+  HandlerTable handlers(HandlerTable::Rules::kOfAServer);
+  Recorder recorder;
+  handlers.RegisterInOrder("put", &recorder);
+  const std::string bytes = Payload().KeyString("s_c_sw_name", "put");
+  const Request heard_of(nullptr, bytes, ReadEnvelope(bytes), handlers.FindInOrder("put"));
+  const Request plain(nullptr, bytes, ReadEnvelope(bytes));
+  EXPECT_NE(FindHandler(handlers, heard_of), &recorder);
+  EXPECT_EQ(FindHandler(handlers, plain), &recorder);
+  mivo_test::LambdaMethod own(nullptr);
+  handlers.Register("put", &own);
+  EXPECT_EQ(FindHandler(handlers, heard_of), &own);
+  handlers.KeepHandlers();
+  const ClosedHandlers closed = handlers.Close();
+  EXPECT_EQ(FindHandler(handlers, heard_of), nullptr);
+}
+
 TEST(RequestWork, SendsTheReplyToWhereTheRequestCameFrom) {
   Peers peers;
   FunctionServer server([](const Request& request, MIVOParams* reply) {
@@ -174,6 +225,52 @@ TEST(RequestWork, DropsTheReplyToAPeerThatHasGoneMeanwhile) {
   EXPECT_EQ(peers.owner.dropped, 1);
   EXPECT_TRUE(watched.expired());
   EXPECT_EQ(out.Text(), "");
+}
+
+// Serves one request with a reply of `size` bytes, its tail included, on this thread.
+void ServeReplyOf(std::size_t size, Peers& peers, const std::string& bytes) {
+  FunctionServer server([size](const Request& request, MIVOParams* reply) {
+    std::string tail;
+    AppendServerReplyTail(tail, request.envelope);
+    std::string& out = *reply->GetParamas();
+    out.reserve(size);
+    out.resize(size - tail.size());
+    AppendServerReplyTail(out, request.envelope);
+    EXPECT_EQ(out.size(), size);
+  });
+  RequestWork work(server, peers.connection, bytes, ReadEnvelope(bytes));
+  work.Run();
+  work.Finish();
+}
+
+constexpr std::size_t kLongestReply = std::size_t{INT32_MAX} - 4;
+
+TEST(RequestWorkDeathTest, EndsTheProgramForAReplyThatItsHandlerHasMadeTooLong) {
+  MIVO_SKIP_WITHOUT_LARGE_MEMORY();
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(
+      {
+        Peers peers;
+        ServeReplyOf(kLongestReply + 1000, peers, SomeRequest());
+      },
+      testing::KilledBySignal(SIGABRT), "");
+}
+
+TEST(RequestWorkDeathTest, DropsAReplyThatOnlyWhatThePeerHasSentMakesTooLong) {
+  MIVO_SKIP_WITHOUT_LARGE_MEMORY();
+  Peers peers;
+  const std::string long_token = Payload()
+                                     .KeyString("s_c_sw_name", "sum")
+                                     .KeyInt("s_c_sw_threadid", 9)
+                                     .KeyString("s_c_sw_semid", std::string(1000, 'x'));
+  for (const std::size_t size : {kLongestReply + 1, kLongestReply + 900}) {
+    const StdoutCapture out;
+    ServeReplyOf(size, peers, long_token);
+    EXPECT_EQ(out.Text(), "write error\n");
+  }
+  EXPECT_EQ(peers.owner.dropped, 2);
+  peers.connection->Flush();
+  EXPECT_EQ(peers.pair.ReadSome(), "");
 }
 
 }  // namespace

@@ -3,7 +3,9 @@
 #include <gtest/gtest.h>
 #include <mivo/params.h>
 #include <signal.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <climits>
 #include <cstddef>
 #include <string>
@@ -32,7 +34,7 @@ std::vector<std::size_t> SizesOfSlices(const std::string& whole) {
   std::string rebuilt;
   EXPECT_TRUE(SendInSlices(whole, 9, [&](MIVOParams* params) {
     EXPECT_TRUE(params->ToParams());
-    const Slice slice = ReadSlice(*params);
+    const Slice slice = ReadSlice(*params->GetParamas());
     EXPECT_EQ(slice.key, 9);
     EXPECT_EQ(static_cast<std::size_t>(slice.total_size), whole.size());
     sizes.push_back(slice.bytes.size());
@@ -101,7 +103,7 @@ TEST(SliceSender, KeepsTheSizeThatWasInForceWhenItBegan) {
   std::vector<std::size_t> sizes;
   EXPECT_TRUE(SendInSlices(Pattern(30), 9, [&](MIVOParams* params) {
     params->ToParams();
-    sizes.push_back(ReadSlice(*params).bytes.size());
+    sizes.push_back(ReadSlice(*params->GetParamas()).bytes.size());
     SetSliceSize(1);
     return true;
   }));
@@ -113,6 +115,22 @@ TEST(SliceSenderDeathTest, EndsTheProgramRatherThanWrapTheTotal) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_EXIT(SendInSlices(std::string(std::size_t{INT_MAX} + 1, 'x'), 9, [](MIVOParams*) { return false; }),
               testing::KilledBySignal(SIGABRT), "");
+}
+
+TEST(SliceSenderDeathTest, CutsSlicesThatLeaveRoomForTheirRequest) {
+  MIVO_SKIP_WITHOUT_LARGE_MEMORY();
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(
+      {
+        SetSliceSize(INT_MAX);
+        std::size_t longest = 0;
+        SendInSlices(std::string(std::size_t{INT_MAX}, 'x'), 9, [&](MIVOParams* slice) {
+          longest = std::max(longest, slice->GetParamas()->size());
+          return true;
+        });
+        _exit(longest > INT_MAX / 2 && longest < INT_MAX - 300 ? 0 : 1);
+      },
+      testing::ExitedWithCode(0), "");
 }
 
 }  // namespace

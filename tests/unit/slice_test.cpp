@@ -18,7 +18,7 @@ using mivo_test::ToHex;
 
 Slice Read(MIVOParams& params, const std::string& payload) {
   params.Parser(payload.data(), static_cast<int>(payload.size()));
-  return ReadSlice(params);
+  return ReadSlice(*params.GetParamas());
 }
 
 TEST(Slice, HasTheAgreedBytes) {
@@ -41,7 +41,7 @@ TEST(Slice, CarriesAnyBytesAndNone) {
   WriteSlice({-7, 4, bytes}, &written);
   MIVOParams params;
   EXPECT_EQ(Read(params, *written.GetParamas()).bytes, bytes);
-  EXPECT_EQ(ReadSlice(params).key, -7);
+  EXPECT_EQ(ReadSlice(*params.GetParamas()).key, -7);
 
   MIVOParams empty;
   WriteSlice({0, 0, {}}, &empty);
@@ -55,7 +55,7 @@ TEST(Slice, TakesWhatIsMissingForZeroOrNothing) {
   EXPECT_EQ(slice.total_size, 0);
   EXPECT_EQ(slice.bytes, "");
   EXPECT_EQ(Read(params, Payload().Int(5)).total_size, 5);
-  EXPECT_EQ(ReadSlice(params).bytes, "");
+  EXPECT_EQ(ReadSlice(*params.GetParamas()).bytes, "");
 }
 
 TEST(Slice, TakesWhatIsOfAnotherTypeForZeroOrNothing) {
@@ -66,6 +66,29 @@ TEST(Slice, TakesWhatIsOfAnotherTypeForZeroOrNothing) {
   EXPECT_EQ(slice.key, 0);
   EXPECT_EQ(slice.total_size, 0);
   EXPECT_EQ(slice.bytes, "");
+}
+
+TEST(Slice, CountsAListAsOnePlace) {
+  MIVOParams params;
+  ListParams* const list = params.CreateListParams();
+  list->AddInt(3);
+  params.AddList(list);
+  params.AddStream("in the second place", 6);
+  params.AddStream("in the third", 3);
+  EXPECT_EQ(ReadSlice(*params.GetParamas()).total_size, 0);
+  EXPECT_EQ(ReadSlice(*params.GetParamas()).bytes, "in the");
+}
+
+TEST(Slice, GoesByTheLastRecordOfAKey) {
+  EXPECT_EQ(ReadSlice(Payload().KeyInt("s_c_sw_threadid", 5).KeyInt("s_c_sw_threadid", 6).bytes()).key, 6);
+  EXPECT_EQ(ReadSlice(Payload().KeyInt("s_c_sw_threadid", 5).KeyString("s_c_sw_threadid", "x").bytes()).key, 0);
+}
+
+TEST(Slice, KeepsWhatStandsBeforeAFault) {
+  const std::string payload = Payload().KeyInt("s_c_sw_threadid", 5).Int(100).Stream("bytes").Raw("\x7F");
+  EXPECT_EQ(ReadSlice(payload).key, 5);
+  EXPECT_EQ(ReadSlice(payload).total_size, 100);
+  EXPECT_EQ(ReadSlice(payload).bytes, "bytes");
 }
 
 TEST(Slice, PassesANegativeTotalOn) {

@@ -321,9 +321,14 @@ TEST_F(TcpServer, MayWriteInTheConnectCallback) {
 }
 
 TEST_F(TcpServer, EndsAllAndListensNoMoreOnCloseAll) {
+  // A port that nobody else takes once it is free again.
+  const int port = mivo_test::FreePort(mivo_test::Transport::Tcp4);
+  server_.CloseAll();
+  ASSERT_TRUE(server_.Init());
+  ASSERT_TRUE(server_.BindTcp4("127.0.0.1", port));
+  ASSERT_TRUE(server_.Listen(128));
   auto [first, first_id] = Connect();
   auto [second, second_id] = Connect();
-  const int port = PortOf(server_);
   server_.CloseAll();
   EXPECT_TRUE(server_.clients.empty());
   EXPECT_FALSE(server_.initialised);
@@ -383,7 +388,7 @@ TEST_F(TcpServer, EndsAConnectionItCannotReadFrom) {
 TEST_F(TcpServer, UsesUpANumberForAnErrorOfTheListener) {
   const int last = CTcpServer::NextClientId();
   server_.SetConnectCallback(OnConnect);
-  server_.listener.connection_cb(reinterpret_cast<uv_stream_t*>(&server_.listener), UV_EMFILE);
+  server_.listener.connection_cb(reinterpret_cast<uv_stream_t*>(&server_.listener), UV_EPROTO);
   EXPECT_TRUE(connected_.empty());
   auto [peer, id] = Connect();
   EXPECT_EQ(id, last + 2);
