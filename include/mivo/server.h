@@ -110,8 +110,8 @@ MIVO_EXPORT IServer* CreateServer();
 
 // Closes, waits for running handlers and for the serving thread to leave, and deletes; null is ignored, and so is, in a
 // child of fork, a server of the parent. From a handler or notice of that server the deletion happens later, on another
-// thread, when the handler has returned; but not from "s_c_createport", during which the operation that
-// starts the server is still under way. Handlers of a server that never ran are not deleted.
+// thread, when the handler has returned; but not while the operation that starts the server is still under way, in
+// "s_c_createport" or in an "s_c_log" handler. Handlers of a server that never ran are not deleted.
 MIVO_EXPORT void DestroyServer(IServer* server);
 
 #endif  // MIVO_SERVER_H_

@@ -10,8 +10,8 @@
 
 namespace mivo {
 
-// A connection's id: the same number in handlers, notices, diagnostic lines and calls. Never 0. Having 32 bits, ids come
-// round, after 2^28 connections: whoever keeps connections by their ids has to pass over those that still live.
+// A connection's id: the same number in handlers, notices, diagnostic lines and calls. Never 0. Having 32 bits, ids
+// come round, after 2^28 connections: whoever keeps connections by their ids has to pass over those that still live.
 // Any thread.
 int NextConnectionId();
 

@@ -31,7 +31,8 @@ struct Request {
   const Envelope envelope;
   const std::string name;
   InOrderMethod* const in_order;
-  const std::unique_ptr<IServerMethod> in_its_place;  // what `in_order` wants called instead; it views the payload
+  // What `in_order` wants called instead. It views the payload, and needs no arguments.
+  const std::unique_ptr<IServerMethod> in_its_place;
 };
 
 // The handler to call for `request`, null if there is none: whose the name is now, not when the request came.

@@ -71,9 +71,15 @@ bool Waiters::WakeByKey(int key, std::string* reply) {
 }
 
 void Waiters::Release(std::uintptr_t token) {
-  for (Waiter* const waiter : TakeIf([token](const Waiter& listed) { return listed.token_ == token; })) {
-    waiter->Wake(std::nullopt);
+  Waiter* waiter = nullptr;
+  {
+    MutexLock lock(mutex_);
+    const Table::iterator found = listed_.find(token);
+    if (found == listed_.end()) return;
+    waiter = found->second;
+    listed_.erase(found);
   }
+  waiter->Wake(std::nullopt);
 }
 
 void Waiters::Sweep(std::int64_t now_ms) {

@@ -248,15 +248,18 @@ MIVOParams* MIVOClient::SendMsgEx(const char* name, MIVOParams* params, int key,
 
   const int call_key = LargeCallKey(key, *params);
   AddNameAndKey(name, call_key, params);
-  const std::string whole = std::move(*params->GetParamas());
+  std::string whole = std::move(*params->GetParamas());
   params->Clear();
   // What an earlier call left, under the key as given and under the one it came to stand for. `params` may be among it:
   // it is not touched any more.
   large_replies_.BeginCall(key);
   large_replies_.BeginCall(call_key);
 
-  std::optional<std::string> result =
-      session->CallLarge(call_key, timeout, [&] { SendSlices(whole, call_key, call_key, kSliceTimeoutMs); });
+  std::optional<std::string> result = session->CallLarge(call_key, timeout, [&] {
+    SendSlices(whole, call_key, call_key, kSliceTimeoutMs);
+    // Not through the wait for the result.
+    std::string().swap(whole);
+  });
   if (!isok()) {
     print_.Error("sendmsgex: disconnect... .. .\n");
     return ErrorSet(kErrorNotConnected);
@@ -295,7 +298,7 @@ void MIVOClient::Serve(const Request& request, MIVOParams* reply) {
     return;
   }
   MIVOParams arguments;
-  ReadArguments(request, &arguments);
+  if (handler != request.in_its_place.get()) ReadArguments(request, &arguments);
   RunHandler(*handler, {this, print_, request.name, request.connection->id(), &arguments, reply});
   AppendClientReplyTail(*reply->GetParamas(), request.envelope);
 }

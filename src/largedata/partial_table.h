@@ -62,8 +62,8 @@ class PartialTable {
   Mutex mutex_;
   std::map<int, std::string> partial_ MIVO_GUARDED_BY(mutex_);
 
-  // Taken within mutex_, or alone, to list or unlist and for nothing else: an append may move hundreds of megabytes, and
-  // the loop thread must not wait for that. Arrivals are unlisted with mutex_ only.
+  // Taken within mutex_, or alone, to list or unlist and for nothing else: an append may move hundreds of megabytes,
+  // and the loop thread must not wait for that. Arrivals are unlisted with mutex_ only.
   Mutex arrivals_mutex_;
   std::list<Arrival*> arrivals_ MIVO_GUARDED_BY(arrivals_mutex_);  // not appended yet, oldest first
 };

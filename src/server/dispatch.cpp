@@ -31,18 +31,21 @@ bool IsReserved(const std::string& name) {
 }  // namespace
 
 void Dispatch::Serve(const Request& request, MIVOParams* reply) {
+  IServerMethod* handler = FindHandler(handlers_, request);
   MIVOParams arguments;
-  ReadArguments(request, &arguments);
+  if (handler == nullptr || handler != request.in_its_place.get()) ReadArguments(request, &arguments);
   const int client_id = request.connection->id();
 
   IMethodAll* const catch_all = handlers_.CatchAll();
-  if (catch_all != nullptr && handlers_.Find(request.name) == nullptr && !IsReserved(request.name)) {
+  if (catch_all != nullptr && handler == nullptr && !IsReserved(request.name)) {
     RunCatchAll(*catch_all, {server_, print_, request.name, client_id, &arguments, reply});
+    // It may have registered one.
+    handler = FindHandler(handlers_, request);
   }
   if (request.name == kVersionMethod) {
     AnswerVersion(arguments, reply);
   } else {
-    Call(FindHandler(handlers_, request), request.name, client_id, &arguments, reply);
+    Call(handler, request.name, client_id, &arguments, reply);
   }
   AppendServerReplyTail(*reply->GetParamas(), request.envelope);
 }

@@ -8,9 +8,9 @@ class CTcpServer;
 
 namespace mivo {
 
-// Without a descriptor for the next connection, libuv's accepting only ends when the listening handle is closed. So it is
-// closed for a while, with the server still initialised. The socket itself stays open through a second descriptor, and
-// with it the port, the options, and whoever connects meanwhile: they wait in its queue.
+// Without a descriptor for the next connection, libuv's accepting only ends when the listening handle is closed. So it
+// is closed for a while, with the server still initialised. The socket itself stays open through a second descriptor,
+// and with it the port, the options, and whoever connects meanwhile: they wait in its queue.
 //
 // The class of the server has no room for this. It is kept beside it, from Listen to CloseAll.
 //

@@ -13,8 +13,8 @@
 
 namespace mivo_test {
 
-// Some names cannot be made unique, since they are made out of texts that are no number: their tests take turns, those of
-// other processes too.
+// Some names cannot be made unique, since they are made out of texts that are no number: their tests take turns, those
+// of other processes too.
 class SharedNames {
  public:
   SharedNames() : file_(Open()) {

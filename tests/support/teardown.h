@@ -23,8 +23,8 @@ struct Resources {
 };
 
 // Calls `see` with each name in a directory; false when it cannot be read. By system calls of its own: a thread
-// sanitizer that follows descriptors by their numbers does not see libuv close its own, and would take the number's next
-// use for a race.
+// sanitizer that follows descriptors by their numbers does not see libuv close its own, and would take the number's
+// next use for a race.
 template <typename See>
 bool ForEachEntry(const char* directory, See see) {
   const long listing = syscall(SYS_openat, AT_FDCWD, directory, O_RDONLY | O_DIRECTORY | O_CLOEXEC);

@@ -34,8 +34,8 @@ inline int SetLog(IServer* server, std::string text, int level) {
   return server->log(text.data(), level);
 }
 
-// Connects to a server driven by hand and gives back the server's end; not connected() when Init failed. `check` (may be
-// null) receives the version check.
+// Connects to a server driven by hand and gives back the server's end; not connected() when Init failed. `check` (may
+// be null) receives the version check.
 inline RawPeer InitAgainst(IClient* client, RawServer& server, std::string* check = nullptr) {
   RawPeer peer;
   std::thread answering([&] { peer = server.AcceptAndAnswerHandshake(check); });

@@ -38,8 +38,8 @@ Plan& PlanOf(Fault fault) {
   return plans[static_cast<std::size_t>(fault)];
 }
 
-// Apart from the lock and ordering nothing: a lock taken in every call would put the threads under test in an order that
-// the program does not give them, and hide their races from the thread sanitizer.
+// Apart from the lock and ordering nothing: a lock taken in every call would put the threads under test in an order
+// that the program does not give them, and hide their races from the thread sanitizer.
 std::atomic<bool>& ArmedOf(Fault fault) {
   static std::atomic<bool> armed[static_cast<std::size_t>(Fault::kCount)];
   return armed[static_cast<std::size_t>(fault)];
