@@ -288,7 +288,7 @@ TEST(ClientReplyTail, EchoesAForeignSemaphoreAsItCame) {
 }
 
 TEST(EncodeRequestDeathTest, EndsTheProgramForArgumentsThatNoFrameCanHold) {
-  MIVO_SKIP_WITHOUT_LARGE_MEMORY();
+  MIVO_SKIP_WITHOUT_LARGE_MEMORY(5);
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_EXIT(
       {
@@ -300,7 +300,7 @@ TEST(EncodeRequestDeathTest, EndsTheProgramForArgumentsThatNoFrameCanHold) {
 }
 
 TEST(EncodeRequestDeathTest, EndsTheProgramForArgumentsOfWhichAnIntWouldCountAFewBytes) {
-  MIVO_SKIP_WITHOUT_LARGE_MEMORY();
+  MIVO_SKIP_WITHOUT_LARGE_MEMORY(8);
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_EXIT(
       {

@@ -25,7 +25,7 @@ TEST(Frame, TakesThePayloadAsItIs) {
 }
 
 TEST(FrameDeathTest, EndsTheProgramRatherThanWrapItsLength) {
-  MIVO_SKIP_WITHOUT_LARGE_MEMORY();
+  MIVO_SKIP_WITHOUT_LARGE_MEMORY(5);
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   // Four bytes of length and the payload must be countable by a signed 32-bit number.
   EXPECT_EXIT({ const Frame frame(std::string(std::size_t{INT32_MAX} - 3, 'x')); }, testing::KilledBySignal(SIGABRT),
@@ -33,7 +33,7 @@ TEST(FrameDeathTest, EndsTheProgramRatherThanWrapItsLength) {
 }
 
 TEST(FrameDeathTest, TakesTheLongestPayloadThatCanBeCounted) {
-  MIVO_SKIP_WITHOUT_LARGE_MEMORY();
+  MIVO_SKIP_WITHOUT_LARGE_MEMORY(5);
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_EXIT(
       {

@@ -333,7 +333,7 @@ TEST(MIVOParams, SharesTheDecodedValuesWithItsCopy) {
 }
 
 TEST(ParamsOfGigabytes, HaveTheLargestSizeThatAnIntCanSay) {
-  MIVO_SKIP_WITHOUT_LARGE_MEMORY();
+  MIVO_SKIP_WITHOUT_LARGE_MEMORY(5);
   MIVOParams params;
   params.GetParamas()->resize(std::size_t{1} << 31);
   EXPECT_EQ(params.Size(), INT_MAX);

@@ -296,13 +296,13 @@ std::string ReceiveWithResultOf(std::size_t size, const std::string& name) {
 }
 
 TEST(RecvLargeDataServerDeathTest, EndsTheProgramForAResultThatIsTooLong) {
-  MIVO_SKIP_WITHOUT_LARGE_MEMORY();
+  MIVO_SKIP_WITHOUT_LARGE_MEMORY(5);
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_EXIT(ReceiveWithResultOf(INT_MAX, "foo"), testing::KilledBySignal(SIGABRT), "");
 }
 
 TEST(RecvLargeDataServerDeathTest, DropsAResultThatOnlyTheNameThatWasSentMakesTooLong) {
-  MIVO_SKIP_WITHOUT_LARGE_MEMORY();
+  MIVO_SKIP_WITHOUT_LARGE_MEMORY(5);
   const mivo_test::StdoutCapture out;
   EXPECT_EQ(ToHex(ReceiveWithResultOf(INT_MAX, std::string(1000, 'x'))), ToHex(Golden("slice_completed_reply")));
   EXPECT_EQ(out.Text(), "write error\n");

@@ -246,7 +246,7 @@ void ServeReplyOf(std::size_t size, Peers& peers, const std::string& bytes) {
 constexpr std::size_t kLongestReply = std::size_t{INT32_MAX} - 4;
 
 TEST(RequestWorkDeathTest, EndsTheProgramForAReplyThatItsHandlerHasMadeTooLong) {
-  MIVO_SKIP_WITHOUT_LARGE_MEMORY();
+  MIVO_SKIP_WITHOUT_LARGE_MEMORY(5);
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_EXIT(
       {
@@ -257,7 +257,7 @@ TEST(RequestWorkDeathTest, EndsTheProgramForAReplyThatItsHandlerHasMadeTooLong) 
 }
 
 TEST(RequestWorkDeathTest, DropsAReplyThatOnlyWhatThePeerHasSentMakesTooLong) {
-  MIVO_SKIP_WITHOUT_LARGE_MEMORY();
+  MIVO_SKIP_WITHOUT_LARGE_MEMORY(5);
   Peers peers;
   const std::string long_token = Payload()
                                      .KeyString("s_c_sw_name", "sum")

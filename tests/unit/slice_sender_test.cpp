@@ -111,14 +111,14 @@ TEST(SliceSender, KeepsTheSizeThatWasInForceWhenItBegan) {
 }
 
 TEST(SliceSenderDeathTest, EndsTheProgramRatherThanWrapTheTotal) {
-  MIVO_SKIP_WITHOUT_LARGE_MEMORY();
+  MIVO_SKIP_WITHOUT_LARGE_MEMORY(5);
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_EXIT(SendInSlices(std::string(std::size_t{INT_MAX} + 1, 'x'), 9, [](MIVOParams*) { return false; }),
               testing::KilledBySignal(SIGABRT), "");
 }
 
 TEST(SliceSenderDeathTest, CutsSlicesThatLeaveRoomForTheirRequest) {
-  MIVO_SKIP_WITHOUT_LARGE_MEMORY();
+  MIVO_SKIP_WITHOUT_LARGE_MEMORY(8);
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_EXIT(
       {
