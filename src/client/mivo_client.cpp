@@ -117,6 +117,7 @@ bool MIVOClient::Init(Endpoint endpoint) {
 }
 
 bool MIVOClient::CheckServer() {
+  const Presence::Scope inside(callers_);
   MIVOParams version;
   version.AddKeyValueString(kVersionKey, kVersionBanner);
   Answer answer = AskInTurn(kVersionMethod, &version, CallKey(0), kHandshakeTimeoutMs);
@@ -207,7 +208,6 @@ MIVOClient::Answer MIVOClient::AskInTurn(const char* name, const MIVOParams* par
 }
 
 MIVOClient::Answer MIVOClient::Ask(const char* name, const MIVOParams* params, int call_key, int timeout) {
-  const Presence::Scope inside(callers_);
   const std::shared_ptr<Session> session = CurrentSession();
   if (!session || !session->is_connected()) {
     PrintDirect("SendMsg end: IsOk Flase\n");
@@ -269,6 +269,7 @@ MIVOParams* MIVOClient::SendMsgEx(const char* name, MIVOParams* params, int key,
 }
 
 bool MIVOClient::SendMsgLargeData(const char* name, MIVOParams* params, int key, int timeout) {
+  const Presence::Scope inside(callers_);
   MIVOParams no_params;
   if (params == nullptr) params = &no_params;
   const int call_key = LargeCallKey(key, *params);

@@ -67,7 +67,8 @@ class MIVOClient : public IClient, private RequestServer {
 
   bool Init(Endpoint endpoint);
   bool CheckServer();
-  // A call up to its reply. The library's own calls end here: nobody can free a reply that is in no table.
+  // A call up to its reply. The library's own calls end here: nobody can free a reply that is in no table. The caller
+  // counts among callers_.
   Answer Ask(const char* name, const MIVOParams* params, int call_key, int timeout);
   Answer AskInTurn(const char* name, const MIVOParams* params, int call_key, int timeout);
   bool SendSlices(const std::string& whole, int key, int call_key, int timeout);

@@ -7,8 +7,9 @@
 
 #include <cassert>
 #include <map>
-#include <mutex>
 #include <new>
+
+#include "base/mutex.h"
 
 namespace mivo {
 namespace {
@@ -17,8 +18,8 @@ constexpr int kPauseMs = 100;
 
 // Of every server that listens. Never destroyed: servers with static storage end while the process exits.
 struct Table {
-  std::mutex mutex;
-  std::map<const CTcpServer*, ListeningPause*> pauses;  // guarded by mutex
+  Mutex mutex;
+  std::map<const CTcpServer*, ListeningPause*> pauses MIVO_GUARDED_BY(mutex);
 };
 
 Table& TheTable() {
@@ -28,20 +29,20 @@ Table& TheTable() {
 
 ListeningPause* Find(const CTcpServer* server) {
   Table& table = TheTable();
-  const std::lock_guard<std::mutex> lock(table.mutex);
+  MutexLock lock(table.mutex);
   const auto found = table.pauses.find(server);
   return found == table.pauses.end() ? nullptr : found->second;
 }
 
 void Add(const CTcpServer* server, ListeningPause* pause) {
   Table& table = TheTable();
-  const std::lock_guard<std::mutex> lock(table.mutex);
+  MutexLock lock(table.mutex);
   table.pauses[server] = pause;
 }
 
 void Remove(const CTcpServer* server) {
   Table& table = TheTable();
-  const std::lock_guard<std::mutex> lock(table.mutex);
+  MutexLock lock(table.mutex);
   table.pauses.erase(server);
 }
 

@@ -229,6 +229,7 @@ class Thief {
           while (!over_) {
             const int file = open("/dev/null", O_RDONLY | O_CLOEXEC);
             if (file < 0) continue;
+            // Keeps what it has taken for a moment; nobody waits for this.
             std::this_thread::sleep_for(std::chrono::microseconds(200));
             close(file);
           }
@@ -293,6 +294,7 @@ TEST(ShortageOfARealKind, IsSurvived) {
     // Fewer than the backlog holds: a connect would wait for a place in it.
     for (int i = 0; i < 60; ++i) {
       newcomers.push_back(RawPeer::ConnectTo(address));
+      // The server is to meet them one by one; whether it does decides only how soon the race is met.
       std::this_thread::sleep_for(std::chrono::microseconds(500));
       ASSERT_TRUE(i % 10 != 0 || early.AnswersInOrder());
     }
