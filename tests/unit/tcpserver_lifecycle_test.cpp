@@ -4,7 +4,6 @@
 #include "support/stdout_capture.h"
 #include "support/teardown.h"
 #include "support/uv_faults.h"
-#include "tcpserver/process_server.h"
 
 #include <netinet/tcp.h>
 
@@ -361,16 +360,6 @@ TEST_F(TcpServerLifecycle, LeavesNoDescriptorBehind) {
     server_.CloseAll();
   }
   mivo_test::ExpectSameResources(before);
-}
-
-TEST(ProcessServer, IsOneOnTheDefaultLoop) {
-  CTcpServer& server = mivo::ProcessServer();
-  EXPECT_EQ(&server, &mivo::ProcessServer());
-  EXPECT_EQ(server.loop, uv_default_loop());
-  EXPECT_FALSE(server.initialised);
-  EXPECT_TRUE(server.clients.empty());
-  EXPECT_TRUE(server.lastError.empty());
-  EXPECT_EQ(server.onConnect, nullptr);
 }
 
 }  // namespace
