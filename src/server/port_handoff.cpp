@@ -1,5 +1,7 @@
 #include <mivo/port_handoff.h>
 
+#include "base/hold_across_fork.h"
+#include "base/mutex.h"
 #include "base/sigpipe_guard.h"
 
 #include <fcntl.h>
@@ -9,37 +11,43 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstdio>
-#include <mutex>
+#include <system_error>
 
 namespace {
 
 // As many digits as the highest port has. A reader stops here, since the writer may keep its end open.
 constexpr std::size_t kLongestPort = 5;
 
+mivo::Mutex mutex;
+[[maybe_unused]] const int held_across_fork = mivo::HoldAcrossFork<mutex>();
+
 struct Handoff {
-  std::mutex mutex;
-  std::string path;  // guarded by mutex; set once
-  std::string port;  // guarded by mutex; only ever grows
+  std::string path;  // set once
+  std::string port;  // only ever grows
 };
 
 // Never destroyed, so that it serves static constructors and the process's exit too.
-Handoff& TheHandoff() {
+Handoff& TheHandoff() MIVO_REQUIRES(mutex) {
   static auto* const handoff = new Handoff;
   return *handoff;
 }
 
 std::string Path() {
-  Handoff& handoff = TheHandoff();
-  const std::lock_guard<std::mutex> lock(handoff.mutex);
-  return handoff.path;
+  mivo::MutexLock lock(mutex);
+  return TheHandoff().path;
+}
+
+std::string SetPath() {
+  mivo::MutexLock lock(mutex);
+  std::string& path = TheHandoff().path;
+  if (path.empty()) path = "/tmp/echo.pipe." + std::to_string(getppid());
+  return path;
 }
 
 // Returns the whole text so far.
 std::string Append(const std::string& digits) {
-  Handoff& handoff = TheHandoff();
-  const std::lock_guard<std::mutex> lock(handoff.mutex);
-  handoff.port += digits;
-  return handoff.port;
+  mivo::MutexLock lock(mutex);
+  return TheHandoff().port += digits;
 }
 
 // Flushed, so that what comes before a wait for the other process is seen before it.
@@ -49,13 +57,24 @@ void PrintLine(const std::string& line) {
   std::fflush(stdout);
 }
 
-// Blocks until the other end is opened.
+// Everybody may put something under a name in /tmp, and this name is easy to guess.
+bool IsOwnFifo(const struct stat& status) {
+  return S_ISFIFO(status.st_mode) && status.st_uid == geteuid();
+}
+
+// Blocks until the other end is opened. -1 when there is no FIFO of this user's.
 int Open(const std::string& path, int mode) {
+  // What was opened decides. Before that, a look: opening a stranger's FIFO would wait for the stranger.
+  struct stat status = {};
+  if (lstat(path.c_str(), &status) != 0 || !IsOwnFifo(status)) return -1;
+
   int descriptor = -1;
   do {
-    descriptor = open(path.c_str(), mode | O_CLOEXEC);
+    descriptor = open(path.c_str(), mode | O_CLOEXEC | O_NOFOLLOW);
   } while (descriptor < 0 && errno == EINTR);
-  return descriptor;
+  if (descriptor < 0 || (fstat(descriptor, &status) == 0 && IsOwnFifo(status))) return descriptor;
+  close(descriptor);
+  return -1;
 }
 
 bool ReadByte(int descriptor, char* byte) {
@@ -69,15 +88,14 @@ bool ReadByte(int descriptor, char* byte) {
 }  // namespace
 
 std::string CreatePortPipe() {
-  std::string path;
-  {
-    Handoff& handoff = TheHandoff();
-    const std::lock_guard<std::mutex> lock(handoff.mutex);
-    if (handoff.path.empty()) handoff.path = "/tmp/echo.pipe." + std::to_string(getppid());
-    path = handoff.path;
-  }
+  std::string path = SetPath();
   unlink(path.c_str());
-  if (mkfifo(path.c_str(), 0777) == 0) PrintLine("create pipe: " + path);
+  if (mkfifo(path.c_str(), 0777) != 0) {
+    const int error = errno;
+    PrintLine("create pipe error: " + path + ": " + std::generic_category().message(error));
+    return std::string();
+  }
+  PrintLine("create pipe: " + path);
   return path;
 }
 

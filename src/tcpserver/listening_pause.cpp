@@ -9,6 +9,7 @@
 #include <map>
 #include <new>
 
+#include "base/hold_across_fork.h"
 #include "base/mutex.h"
 
 namespace mivo {
@@ -16,34 +17,32 @@ namespace {
 
 constexpr int kPauseMs = 100;
 
-// Of every server that listens. Never destroyed: servers with static storage end while the process exits.
-struct Table {
-  Mutex mutex;
-  std::map<const CTcpServer*, ListeningPause*> pauses MIVO_GUARDED_BY(mutex);
-};
+Mutex mutex;
+[[maybe_unused]] const int held_across_fork = HoldAcrossFork<mutex>();
 
-Table& TheTable() {
-  static auto* const table = new Table;
-  return *table;
+using Pauses = std::map<const CTcpServer*, ListeningPause*>;
+
+// Of every server that listens. Never destroyed: servers with static storage end while the process exits.
+Pauses& ThePauses() MIVO_REQUIRES(mutex) {
+  static auto* const pauses = new Pauses;
+  return *pauses;
 }
 
 ListeningPause* Find(const CTcpServer* server) {
-  Table& table = TheTable();
-  MutexLock lock(table.mutex);
-  const auto found = table.pauses.find(server);
-  return found == table.pauses.end() ? nullptr : found->second;
+  MutexLock lock(mutex);
+  const Pauses& pauses = ThePauses();
+  const auto found = pauses.find(server);
+  return found == pauses.end() ? nullptr : found->second;
 }
 
 void Add(const CTcpServer* server, ListeningPause* pause) {
-  Table& table = TheTable();
-  MutexLock lock(table.mutex);
-  table.pauses[server] = pause;
+  MutexLock lock(mutex);
+  ThePauses()[server] = pause;
 }
 
 void Remove(const CTcpServer* server) {
-  Table& table = TheTable();
-  MutexLock lock(table.mutex);
-  table.pauses.erase(server);
+  MutexLock lock(mutex);
+  ThePauses().erase(server);
 }
 
 template <class Handle>

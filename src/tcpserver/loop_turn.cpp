@@ -1,8 +1,10 @@
 #include "tcpserver/loop_turn.h"
 
 #include <algorithm>
-#include <mutex>
 #include <vector>
+
+#include "base/hold_across_fork.h"
+#include "base/mutex.h"
 
 namespace mivo {
 namespace {
@@ -10,21 +12,19 @@ namespace {
 // The turns of this thread, innermost first.
 thread_local const LoopTurn* innermost = nullptr;
 
-// The loops that some thread is turning. Never destroyed: servers with static storage ask while the process exits.
-struct Turning {
-  std::mutex mutex;
-  std::vector<const uv_loop_t*> loops;  // guarded by mutex
-};
+Mutex mutex;
+[[maybe_unused]] const int held_across_fork = HoldAcrossFork<mutex>();
 
-Turning& TurningLoops() {
-  static auto* const turning = new Turning;
-  return *turning;
+// The loops that some thread is turning. Never destroyed: servers with static storage ask while the process exits.
+std::vector<const uv_loop_t*>& TurningLoops() MIVO_REQUIRES(mutex) {
+  static auto* const loops = new std::vector<const uv_loop_t*>;
+  return *loops;
 }
 
 bool IsListed(const uv_loop_t* loop) {
-  Turning& turning = TurningLoops();
-  const std::lock_guard<std::mutex> lock(turning.mutex);
-  return std::find(turning.loops.begin(), turning.loops.end(), loop) != turning.loops.end();
+  MutexLock lock(mutex);
+  const std::vector<const uv_loop_t*>& loops = TurningLoops();
+  return std::find(loops.begin(), loops.end(), loop) != loops.end();
 }
 
 }  // namespace
@@ -37,17 +37,16 @@ LoopTurn::LoopTurn(const uv_loop_t* loop, Purpose purpose)
       listed_(innermost == nullptr || innermost->loop_ != loop) {
   innermost = this;
   if (!listed_) return;
-  Turning& turning = TurningLoops();
-  const std::lock_guard<std::mutex> lock(turning.mutex);
-  turning.loops.push_back(loop);
+  MutexLock lock(mutex);
+  TurningLoops().push_back(loop);
 }
 
 LoopTurn::~LoopTurn() {
   innermost = outer_;
   if (!listed_) return;
-  Turning& turning = TurningLoops();
-  const std::lock_guard<std::mutex> lock(turning.mutex);
-  turning.loops.erase(std::find(turning.loops.begin(), turning.loops.end(), loop_));
+  MutexLock lock(mutex);
+  std::vector<const uv_loop_t*>& loops = TurningLoops();
+  loops.erase(std::find(loops.begin(), loops.end(), loop_));
 }
 
 bool LoopTurn::IsRunning(const uv_loop_t* loop) {

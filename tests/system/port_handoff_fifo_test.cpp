@@ -102,10 +102,10 @@ TEST_F(PortHandoff, ReplacesAFileOfThatName) {
   EXPECT_TRUE(IsFifo());
 }
 
-TEST_F(PortHandoff, ReturnsThePathWithoutALineWhenTheFifoCannotBeMade) {
+TEST_F(PortHandoff, ReturnsNoPathAndSaysSoWhenTheFifoCannotBeMade) {
   ASSERT_TRUE(std::filesystem::create_directory(path_));
   ChildProgram child = StartRole("creates a pipe", "022");
-  EXPECT_EQ(child.ReadOutput(), "returned: " + path_ + "\n");
+  EXPECT_EQ(child.ReadOutput(), "create pipe error: " + path_ + ": File exists\nreturned: \n");
 }
 
 const Role kKeepsThePath("keeps the path", [](const std::string&) {
@@ -251,19 +251,84 @@ TEST_F(PortHandoff, ReadsNothingWithoutAFifo) {
   EXPECT_EQ(child.Wait(), 0);
 }
 
-// A directory can be opened but not read.
-const Role kReadsADirectory("reads a directory", [](const std::string&) {
+// ---- What somebody else has put in the FIFO's place
+
+// It is not even opened: that would wait.
+void UseWhatIsThere() {
+  PrintLine("written: " + std::string(WritePortPipe(7) ? "true" : "false") + ", read: " + ReadPortPipe());
+}
+
+std::string Refusal(const std::string& path) {
+  return "create pipe: " + path + "\nopen pipe error: " + path + "\nwritten: false, read: \n";
+}
+
+const Role kMeetsALink("meets a link", [](const std::string& target) {
   const std::string path = CreatePortPipe();
   unlink(path.c_str());
-  mkdir(path.c_str(), 0700);
-  return ReadPortPipe().empty() ? 0 : 1;
+  if (symlink(target.c_str(), path.c_str()) != 0) return 1;
+  UseWhatIsThere();
+  return 0;
 });
 
-TEST_F(PortHandoff, EndsWhenReadingFails) {
-  ChildProgram child = StartRole("reads a directory");
-  EXPECT_EQ(child.ReadOutput(), "create pipe: " + path_ + "\nserver port: \n");
+TEST_F(PortHandoff, DoesNotFollowALinkToAFile) {
+  const std::string target = testing::TempDir() + "port_handoff_target." + std::to_string(getpid());
+  std::ofstream(target) << "somebody's work";
+  ChildProgram child = StartRole("meets a link", target);
+  EXPECT_EQ(child.ReadOutput(), Refusal(path_));
   EXPECT_EQ(child.Wait(), 0);
+  std::string content;
+  std::getline(std::ifstream(target), content);
+  EXPECT_EQ(content, "somebody's work");
+  std::filesystem::remove(target);
 }
+
+TEST_F(PortHandoff, DoesNotFollowALinkToAFifoEither) {
+  const std::string target = testing::TempDir() + "port_handoff_target." + std::to_string(getpid());
+  ASSERT_EQ(mkfifo(target.c_str(), 0700), 0);
+  const int descriptor = open(target.c_str(), O_RDWR | O_CLOEXEC);  // it could be opened at once
+  EXPECT_EQ(write(descriptor, "61234", 5), 5);
+  ChildProgram child = StartRole("meets a link", target);
+  EXPECT_EQ(child.ReadOutput(), Refusal(path_));
+  EXPECT_EQ(child.Wait(), 0);
+  close(descriptor);
+  std::filesystem::remove(target);
+}
+
+const Role kMeetsAFile("meets a file", [](const std::string&) {
+  const std::string path = CreatePortPipe();
+  unlink(path.c_str());
+  std::ofstream(path) << "61234" << std::flush;
+  UseWhatIsThere();
+  std::string content;
+  std::getline(std::ifstream(path), content);
+  return content == "61234" ? 0 : 1;
+});
+
+TEST_F(PortHandoff, UsesNothingButAFifo) {
+  ChildProgram child = StartRole("meets a file");
+  EXPECT_EQ(child.ReadOutput(), Refusal(path_));
+  EXPECT_EQ(child.Wait(), 0) << "the file is not what it was";
+}
+
+// Another user's FIFO with a port in it, and with both ends open: nothing but its owner speaks against it.
+const Role kMeetsAStrangersFifo("meets a stranger's fifo", [](const std::string&) {
+  constexpr uid_t kStranger = 65534;
+  const std::string path = CreatePortPipe();
+  const int descriptor = open(path.c_str(), O_RDWR | O_CLOEXEC);
+  if (write(descriptor, "61234", 5) != 5 || chown(path.c_str(), kStranger, kStranger) != 0) return 1;
+  UseWhatIsThere();
+  char port[6] = {};
+  return read(descriptor, port, sizeof port) == 5 && std::string(port) == "61234" ? 0 : 2;
+});
+
+TEST_F(PortHandoff, UsesNoFifoOfAnotherUser) {
+  if (geteuid() != 0) GTEST_SKIP() << "only root can make a FIFO of somebody else's";
+  ChildProgram child = StartRole("meets a stranger's fifo");
+  EXPECT_EQ(child.ReadOutput(), Refusal(path_));
+  EXPECT_EQ(child.Wait(), 0) << "something was read or written";
+}
+
+// ---- Signals
 
 std::atomic<int> signals_seen{0};
 
