@@ -73,6 +73,7 @@ int main(int argc, char** argv) {
   }
   // Before the fork, so that parent and child mean the same pipe; and before anything that starts a thread.
   const std::string pipe = CreatePortPipe();
+  if (pipe.empty()) return 1;  // it has said why
   const pid_t child = fork();
   if (child < 0) return 1;
   if (child == 0) {
