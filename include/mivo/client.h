@@ -31,10 +31,15 @@ class MIVO_EXPORT IClient {
   virtual ~IClient() = default;
 
   // Connects to the local socket "/tmp/echo.sock." + `name` and checks the server's version; true when both succeeded.
-  // Blocks until then: the version check for at most about 10 s, once it has its turn. `threaded` is accepted and
-  // ignored: a client always runs its loop on a thread of its own. On a connected client nothing happens and the result
-  // is true. False on the client's own loop thread and in one of its handlers. After a failure or a close the client
-  // can be initialised again; a failed version check has closed it, with its handlers, a failed connect has not.
+  // `name` has at most 92 bytes. Blocks until then: the version check for at most about 10 s, once it has its turn.
+  // `threaded` is accepted and ignored: a client always runs its loop on a thread of its own. On a connected client
+  // nothing happens and the result is true. False on the client's own loop thread and in one of its handlers.
+  //
+  // After a failure or a close the client can be initialised again. A failed connect (diagnostic line "cant connect: ")
+  // leaves the handlers registered. A failed version check ("Check Server Version Error!"), by another banner or for
+  // want of an answer, has closed the client, with its handlers. The result does not tell the one from the other: to
+  // try again, keep the handlers (SetCustomReleaseEvent) and register them before every attempt; where they still stand
+  // that does nothing. Patch releases keep the banner.
   virtual bool InitMIVOClient(const char* name, bool threaded) = 0;
 
   // The same over TCP. `host` is a numeric address; `port` is read as a decimal number. An address that is not one
@@ -49,19 +54,21 @@ class MIVO_EXPORT IClient {
   virtual void SetTimeoutStep(int ms) = 0;
 
   // Ends the connection: wakes every blocked call, deletes the registered handlers (see SetCustomReleaseEvent), waits
-  // for running handlers and for the loop thread. Takes at least 100 ms. May be repeated. In a handler or notice of
-  // this client it only begins the close and returns; a later close or DestroyClient waits for its end.
+  // for running handlers and for the loop thread. Takes at least 100 ms. May be repeated. No notice runs. In a handler
+  // or notice of this client it only begins the close and returns; a later close or DestroyClient waits for its end.
   virtual void close() = 0;
 
   // Calls `name` and waits for the reply; never null. `params` (null: no arguments) is only read. `timeout` is in
   // milliseconds and is looked at every 100 ms, first 500 ms after connecting; 0 waits without limit, below 0 some 50
-  // days. Names that begin with "s_c_", and "retval", are the library's own.
+  // days. `name` is any text; those that begin with "s_c_", and "retval", are the library's own. Arguments and results
+  // travel in one message each of less than 2 GiB; meanwhile everything else on the connection waits.
   // At most one SendMsg or PostMsg runs at a time in the whole process; SendMsgFast has no such limit and is the one to
   // use from handlers.
   virtual MIVOParams* SendMsg(const char* name, MIVOParams* params, int key, int timeout) = 0;
   virtual MIVOParams* SendMsgFast(const char* name, MIVOParams* params, int key, int timeout) = 0;
 
-  // The same for arguments and results of any size, which travel in slices. `params` is emptied (unless the client was
+  // The same for arguments and results so large that others would notice: they travel in slices, between which other
+  // calls pass. Slower than SendMsg, by a round trip for each slice. `params` is emptied (unless the client was
   // not connected). One SendMsgEx runs at a time in the process. `timeout` counts from the beginning, but the call
   // does not end before all slices are sent, each of which waits for its answer for at most about 600 ms. A result that
   // comes after its call has timed out may be taken for the result of the next SendMsgEx with the same key: give such

@@ -21,15 +21,18 @@ class MIVOParams;
 //   (listening began; one string: the socket name or port text) runs on the thread that starts the server. A handler
 //   registered as "s_c_log" gets the diagnostic lines, as one string each, in place of standard output, on whichever
 //   thread has something to say; it stays the application's, and must live until the server is destroyed. A few lines
-//   that tell of errors outside a server's own work appear on standard output all the same.
+//   that tell of errors outside a server's own work appear on standard output all the same. The end of connections by
+//   the server's own close is not noticed; nor is that of one which could not be accepted after "s_c_connect", for want
+//   of memory. A client's request may still be carried out after its "s_c_closed".
 //
 // The operations stand in this order, the destructor last: the order of the virtual table is part of the interface.
 class MIVO_EXPORT IServer {
  public:
   // Listens on the local socket "/tmp/echo.sock." + `name`, replacing a socket file that is there; true when listening.
-  // The file gets mode 0777 and, where the process may do that, user and group 1000; otherwise "chown error" appears on
-  // standard output and nothing is lost. Serving begins with run(). False when the server already runs, and in its
-  // handlers and notices.
+  // `name` has at most 92 bytes and no '/'. The file gets mode 0777 and, where the process may do that, user and group
+  // 1000; otherwise "chown error" appears on standard output and nothing is lost. It is removed when the server closes,
+  // and stays when the process ends without that. Serving begins with run(). False when the server already runs, and in
+  // its handlers and notices. After a failure the handlers are registered as before, here and in all that follow.
   virtual bool StartMIVOServer(const char* name) = 0;
 
   // Listens on the local socket named by the number in `port` and serves on a thread of its own; blocks until listening
