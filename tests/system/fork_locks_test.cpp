@@ -62,9 +62,6 @@ bool ServesAndCloses() {
 }
 
 TEST(ForkedChild, HasAPlainTcpServerWhateverThreadsOfItsParentDoWithTheirs) {
-#if defined(__SANITIZE_THREAD__)
-  GTEST_SKIP() << "ThreadSanitizer ends a child of fork that starts threads";
-#endif
   ExpectChildrenPlay(ServesAndCloses, [] {
     thread_local struct Loop {
       Loop() { uv_loop_init(&uv); }
@@ -77,9 +74,6 @@ TEST(ForkedChild, HasAPlainTcpServerWhateverThreadsOfItsParentDoWithTheirs) {
 }
 
 TEST(ForkedChild, HasAPortHandoffWhateverThreadsOfItsParentDoWithTheirs) {
-#if defined(__SANITIZE_THREAD__)
-  GTEST_SKIP() << "ThreadSanitizer ends a child of fork that starts threads";
-#endif
   // Nobody has named a FIFO in this process: nothing is opened, and nothing waits.
   const auto reads_nothing = [] { return ReadPortPipe().empty(); };
   ExpectChildrenPlay(reads_nothing, [] { ReadPortPipe(); });
