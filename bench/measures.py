@@ -64,7 +64,7 @@ MEASURES = [
     Measure("open", "opens_s", "open", tcp=True, what="connect, version check, first call"),
     Measure("idle-1000", "kib", "hold", {"connections": 1000}, rounds=2, quick=False,
             what="memory of the server for each of 1,000 idle connections, KiB"),
-    Measure("idle-10000", "kib", "hold", {"connections": 10000}, rounds=2, quick=False,
+    Measure("idle-10000", "kib", "hold", {"connections": 10000}, rounds=1, quick=False,
             what="memory of the server for each of 10,000 idle connections, KiB"),
     Measure("syscalls", "syscalls", "call", placements=(FREE, ONE_CPU), rounds=1,
             what="system calls for each small call, both processes"),

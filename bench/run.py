@@ -85,6 +85,8 @@ class Run:
             print(f"{name}: left out, {reason}", file=sys.stderr)
 
     def one(self, server, measure, placement):
+        if measure.name in server.peer.left_out:
+            return {"left_out": server.peer.left_out[measure.name]}
         arguments = dict(measure.arguments)
         if self.options.quick:
             arguments.update(measure.quick_arguments)

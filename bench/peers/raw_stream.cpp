@@ -23,7 +23,7 @@ constexpr std::size_t kDirect = 32768;
 }  // namespace
 
 RawStream::RawStream(const Options& options, int descriptor)
-    : descriptor_(descriptor), polling_(options.flavour == "polling"), buffer_(kBufferSize) {}
+    : descriptor_(descriptor), polling_(options.flavour == "polling"), buffer_(new char[kBufferSize]) {}
 
 RawStream::~RawStream() {
   ::close(descriptor_);
@@ -66,11 +66,11 @@ long RawStream::Receive(char* to, std::size_t size) const {
 bool RawStream::Fill(std::size_t size) {
   while (end_ - begin_ < size) {
     if (begin_ > 0) {
-      std::memmove(buffer_.data(), buffer_.data() + begin_, end_ - begin_);
+      std::memmove(buffer_.get(), buffer_.get() + begin_, end_ - begin_);
       end_ -= begin_;
       begin_ = 0;
     }
-    const long count = Receive(buffer_.data() + end_, buffer_.size() - end_);
+    const long count = Receive(buffer_.get() + end_, kBufferSize - end_);
     if (count <= 0) return false;
     end_ += static_cast<std::size_t>(count);
   }
@@ -80,7 +80,7 @@ bool RawStream::Fill(std::size_t size) {
 bool RawStream::Read() {
   if (!Fill(5)) return false;
   std::uint32_t length = 0;
-  std::memcpy(&length, buffer_.data() + begin_, sizeof length);
+  std::memcpy(&length, buffer_.get() + begin_, sizeof length);
   kind_ = static_cast<RawKind>(buffer_[begin_ + 4]);
   begin_ += 5;
   const std::size_t size = length;
@@ -88,7 +88,7 @@ bool RawStream::Read() {
   std::size_t have = 0;
   while (true) {
     const std::size_t part = std::min(size - have, end_ - begin_);
-    std::copy_n(buffer_.data() + begin_, part, body_.data() + have);
+    std::copy_n(buffer_.get() + begin_, part, body_.data() + have);
     begin_ += part;
     have += part;
     if (begin_ == end_) begin_ = end_ = 0;

@@ -4,8 +4,8 @@
 #define MIVO_BENCH_PEERS_RAW_STREAM_H_
 
 #include <cstddef>
+#include <memory>
 #include <string>
-#include <vector>
 
 #include "harness/options.h"
 
@@ -45,7 +45,8 @@ class RawStream {
 
   const int descriptor_;
   const bool polling_;
-  std::vector<char> buffer_;
+  // Not set to zero: what is not used is not to count as memory of a connection.
+  const std::unique_ptr<char[]> buffer_;
   std::size_t begin_ = 0;
   std::size_t end_ = 0;
   RawKind kind_ = RawKind::kEcho;

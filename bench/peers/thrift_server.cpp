@@ -18,7 +18,7 @@ namespace {
 using apache::thrift::protocol::TBinaryProtocolFactory;
 using apache::thrift::server::TServerEventHandler;
 using apache::thrift::server::TThreadedServer;
-using apache::thrift::transport::TBufferedTransportFactory;
+using apache::thrift::transport::TBufferedTransport;
 using apache::thrift::transport::TFramedTransport;
 using apache::thrift::transport::TServerSocket;
 using apache::thrift::transport::TSocket;
@@ -47,10 +47,12 @@ class Listener : public TServerSocket {
   }
 };
 
-class FramedFactory : public TTransportFactory {
+// Those that Thrift brings along make transports with the limits that are too low.
+template <class Transport>
+class Factory : public TTransportFactory {
  public:
   std::shared_ptr<TTransport> getTransport(std::shared_ptr<TTransport> inner) override {
-    return std::make_shared<TFramedTransport>(inner, ThriftConfig());
+    return std::make_shared<Transport>(inner, ThriftConfig());
   }
 };
 
@@ -69,8 +71,8 @@ class Told : public TServerEventHandler {
 int main(int argc, char** argv) {
   using namespace bench;
   return ServerMain(argc, argv, [](const Options& options, const std::function<void()>& listening) {
-    std::shared_ptr<TTransportFactory> transport = std::make_shared<TBufferedTransportFactory>();
-    if (options.flavour == "framed") transport = std::make_shared<FramedFactory>();
+    std::shared_ptr<TTransportFactory> transport = std::make_shared<Factory<TBufferedTransport>>();
+    if (options.flavour == "framed") transport = std::make_shared<Factory<TFramedTransport>>();
     const auto listener = std::make_shared<Listener>(options.Path());
     listener->setAcceptBacklog(1024);
     TThreadedServer server(std::make_shared<thrift::EchoServiceProcessor>(std::make_shared<Handler>()), listener,
