@@ -1,4 +1,7 @@
-"""Runs the benchmark of encoding and decoding, a Google Benchmark program of its own."""
+"""Runs the benchmark of encoding and decoding, a Google Benchmark program of its own: bench/codec/ builds bench_codec.
+
+Its benchmarks are named <what>/<encoding>: "small set/encode/libmivo" becomes the row "small set/encode" and the column
+"libmivo" of the table."""
 
 import json
 import os

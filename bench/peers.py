@@ -17,6 +17,7 @@ class Peer:
 
 RAW = "raw"
 BEST = "raw-best"
+RAW_TCP = "raw-tcp"
 
 PEERS = [
     Peer(RAW, "raw", note="blocking ping-pong over a Unix socket, a thread for each connection"),
@@ -34,8 +35,10 @@ PEERS = [
     Peer("nng", "nng", packages=("libnng-dev",), note="nng req/rep, four workers with contexts"),
     Peer("sd-bus", "sdbus", packages=("libsystemd-dev",), note="sd-bus peer to peer, one thread a side",
          left_out={"idle-10000": "its event loop looks at each connection in each turn: to open so many takes minutes"}),
-    Peer("raw-tcp", "raw", transport="tcp", note="raw over TCP loopback"),
+    Peer(RAW_TCP, "raw", transport="tcp", note="raw over TCP loopback"),
     Peer("libmivo-tcp", "mivo", transport="tcp", note="libmivo over TCP loopback"),
     Peer("grpc-tcp", "grpc", transport="tcp", packages=("libgrpc++-dev", "protobuf-compiler-grpc", "libprotobuf-dev"),
          note="gRPC C++ over TCP loopback"),
 ]
+
+TCP = tuple(peer.name for peer in PEERS if peer.transport == "tcp")

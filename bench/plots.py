@@ -38,7 +38,7 @@ def _latency(rows, place):
         if "quantiles_us" in row:
             series[peer] = [(-math.log10(1 - quantile) if quantile < 1 else 4, value)
                             for quantile, value in zip(QUANTILES, row["quantiles_us"]) if value > 0]
-    marks = ", ".join(f'"{100 * q:g} %" {-math.log10(1 - q):.4f}' for q in (0, 0.5, 0.9, 0.99, 0.999, 0.9999))
+    marks = ", ".join(f'"{100 * q:g} %%" {-math.log10(1 - q):.4f}' for q in (0, 0.5, 0.9, 0.99, 0.999, 0.9999))
     return series, ["set logscale y", "set ylabel 'microseconds'", "set xlabel 'of the calls are at most as slow'",
                     f"set xtics ({marks})"]
 

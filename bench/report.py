@@ -12,16 +12,18 @@ import sys
 
 import plots
 from measures import FREE, MEASURES, ONE_CPU, PLACEMENTS, SPLIT
-from peers import BEST, PEERS, RAW
+from peers import BEST, RAW, RAW_TCP, TCP
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 DOCUMENT = os.path.join(HERE, "..", "docs", "benchmarks.md")
 BEGIN, END = "<!-- figures: written by bench/report.py -->", "<!-- end of figures -->"
-TCP = tuple(peer.name for peer in PEERS if peer.transport == "tcp")
 OURS = "libmivo"
 PLACES = {FREE: "free", ONE_CPU: "1 CPU", SPLIT: "split"}
 # Of the figures that stand for measures.
-SMALLER_IS_BETTER = ("p50_us", "p99_us", "kib", "syscalls")
+SMALLER_IS_BETTER = ("p50_us", "p99_us", "kib", "syscalls", "wakeups")
+
+# Near 0 for some, so that a ratio would say nothing.
+WITHOUT_RATIO = ("switches", "wakeups", "client_wakeups", "server_wakeups")
 
 
 def number(value, digits=1):
@@ -62,6 +64,8 @@ class Figures:
         ratios = []
         for other in references:
             theirs = self.median(other, measure, place, field)
+            if field in WITHOUT_RATIO:
+                continue
             ratios.append(number(value / theirs, 2) if theirs else "-")
         own = " \\*" if row.get("own_connections") and measure.startswith(("callers", "hogs-callers", "posts", "travel",
                                                                          "hogs-posts")) else ""
@@ -69,7 +73,7 @@ class Figures:
 
     def table(self, title, columns, tcp=False):
         """Columns: (heading, measure, placement, field, digits). Nothing where nothing was measured."""
-        references = ("raw-tcp",) if tcp else (RAW, BEST)
+        references = (RAW_TCP,) if tcp else (RAW, BEST)
         lines = []
         for peer in self.peers(tcp):
             cells = [self.cell(peer, column, references) for column in columns]
@@ -122,6 +126,8 @@ def all_tables(figures):
         (size, f"large-{name}", FREE, "mb_s", 0) for name, size in (("16m", "16 MiB"), ("256m", "256 MiB"))])
     lines += figures.table("Memory of the server for each idle connection, KiB", [
         ("1,000", "idle-1000", FREE, "kib", 2), ("10,000", "idle-10000", FREE, "kib", 2)])
+    lines += figures.table("Wake-ups in a second without anything to do", [
+        ("client", "idle-wakeups", FREE, "client_wakeups", 0), ("server", "idle-wakeups", FREE, "server_wakeups", 0)])
     lines += figures.table("Beside two busy processes", [
         ("call p50 us", "hogs-call", FREE, "p50_us", 1), ("p99 us", "hogs-call", FREE, "p99_us", 1),
         ("8 on 1 /s", "hogs-callers-8", FREE, "calls_s", 0), ("8 x 1 /s", "hogs-connections-8", FREE, "calls_s", 0),
@@ -235,21 +241,24 @@ def main():
     options = parser.parse_args()
     with open(options.results, encoding="utf-8") as file:
         results = json.load(file)
-    text = tables(results)
-    if not options.document:
-        print(text)
-        return 0
+    if options.document:
+        write_document(results)
+    else:
+        print(tables(results))
+    return 0
+
+
+def write_document(results):
     with open(DOCUMENT, encoding="utf-8") as file:
         document = file.read()
     if BEGIN not in document or END not in document:
         sys.exit("docs/benchmarks.md has lost the lines between which the figures stand")
     drawn = plots.draw(results, os.path.join(os.path.dirname(DOCUMENT), "plots"))
     images = "\n".join(f"![{title}](plots/{file})" for title, file in drawn)
-    figures = f"{BEGIN}\n\n{images}\n\n{text}\n{END}"
+    figures = f"{BEGIN}\n\n{images}\n\n{tables(results)}\n{END}"
     document = re.sub(re.escape(BEGIN) + ".*" + re.escape(END), lambda _: figures, document, flags=re.S)
     with open(DOCUMENT, "w", encoding="utf-8") as file:
         file.write(document)
-    return 0
 
 
 if __name__ == "__main__":

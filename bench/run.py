@@ -18,7 +18,7 @@ import time
 import codec
 import report
 from measures import FREE, MEASURES, ONE_CPU, PLACEMENTS
-from peers import BEST, PEERS, RAW
+from peers import BEST, PEERS, RAW, RAW_TCP, TCP
 from processes import Failed, Hogs, Server, SystemCalls, cpus_of, idle_memory, ALL_CPUS
 
 HERE = os.path.dirname(os.path.abspath(__file__))
@@ -36,6 +36,7 @@ def arguments():
                         help="whether encoding and decoding are measured, too")
     parser.add_argument("--name", default="", help="of the results: bench/results/<name>.json (default: last, which is "
                         "not checked in)")
+    parser.add_argument("--document", action="store_true", help="draw tables and plots of docs/benchmarks.md from them")
     parser.add_argument("--list", action="store_true", help="tells peers and measures")
     parser.add_argument("--programs", default=os.path.join(HERE, "..", "build", "bench", "bench"),
                         help=argparse.SUPPRESS)
@@ -165,7 +166,7 @@ def combined(rows):
 
 
 def add_ratios(figures):
-    """x_raw and x_best: the figure that stands for the measure, divided by that of the two raw ones."""
+    """x_raw, x_best, x_raw_tcp: the figure that stands for the measure, divided by that of the raw ones."""
     figure_of = {measure.name: measure.figure for measure in MEASURES}
     medians = {}
     for row in figures:
@@ -173,7 +174,9 @@ def add_ratios(figures):
             medians[row["peer"], row["measure"], row["placement"]] = row[figure_of[row["measure"]]][0]
     for row in figures:
         own = medians.get((row["peer"], row["measure"], row["placement"]))
-        for name, other in (("x_raw", RAW), ("x_best", BEST)):
+        for name, other in (("x_raw", RAW), ("x_best", BEST), ("x_raw_tcp", RAW_TCP)):
+            if other == RAW_TCP and row["peer"] not in TCP:
+                continue
             theirs = medians.get((other, row["measure"], row["placement"]))
             if own is not None and theirs:
                 row[name] = round(own / theirs, 3)
@@ -256,6 +259,8 @@ def main():
     with open(path, "w", encoding="utf-8") as file:
         file.write(compact(results))
     print(report.tables(results))
+    if options.document:
+        report.write_document(results)
     print(f"written: {os.path.relpath(path)}", file=sys.stderr)
     return 1 if run.errors else 0
 

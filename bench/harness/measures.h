@@ -27,6 +27,7 @@ void MeasureEcho(const Options& options, const Peer& peer, nlohmann::json& resul
 void MeasureEchoLarge(const Options& options, const Peer& peer, nlohmann::json& result);
 // opening.cpp
 void MeasureOpen(const Options& options, const Peer& peer, nlohmann::json& result);
+void MeasureIdle(const Options& options, const Peer& peer, nlohmann::json& result);
 void MeasureHold(const Options& options, const Peer& peer, const std::function<void()>& hold);
 
 }  // namespace bench

@@ -1,13 +1,19 @@
+#include <algorithm>
 #include <cmath>
+#include <cstdint>
 #include <functional>
 #include <map>
+#include <memory>
 #include <nlohmann/json.hpp>
+#include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "harness/clock.h"
 #include "harness/latencies.h"
 #include "harness/measures.h"
+#include "harness/usage.h"
 
 namespace bench {
 namespace {
@@ -58,6 +64,20 @@ void MeasureHold(const Options& options, const Peer& peer, const std::function<v
   hold();
 }
 
+void MeasureIdle(const Options& options, const Peer& peer, nlohmann::json& result) {
+  const auto connection = peer.connect();
+  connection->Call();
+  // Whatever goes on for a while after a call is over then.
+  Sleep(0.3);
+  const Usage begin = UsageNow(options.server_pid);
+  Sleep(1);
+  const Usage end = UsageNow(options.server_pid);
+  // Without the sleep above and the wait of the server's thread that was asked at its begin.
+  result["client_wakeups"] = std::max<std::int64_t>(0, end.client_switches - begin.client_switches - 1);
+  result["server_wakeups"] = std::max<std::int64_t>(0, end.server_switches - begin.server_switches - 1);
+  result["wakeups"] = result["client_wakeups"].get<int>() + result["server_wakeups"].get<int>();
+}
+
 void RunMeasure(const Options& options, const Peer& peer, const std::function<void()>& hold, nlohmann::json& result) {
   using Measure = void (*)(const Options&, const Peer&, nlohmann::json&);
   static const std::map<std::string, Measure> measures = {
@@ -72,6 +92,7 @@ void RunMeasure(const Options& options, const Peer& peer, const std::function<vo
       {"echo", MeasureEcho},
       {"echo_large", MeasureEchoLarge},
       {"open", MeasureOpen},
+      {"idle", MeasureIdle},
   };
   if (options.measure == "hold") return MeasureHold(options, peer, hold);
   const auto measure = measures.find(options.measure);

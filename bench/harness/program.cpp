@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "harness/measures.h"
+#include "harness/usage.h"
 
 namespace bench {
 namespace {
@@ -44,6 +45,7 @@ int ServerMain(int argc, char** argv, const Serve& serve) {
     WaitForEndOfInput();
     _exit(0);
   }).detach();
+  std::thread(ServeUsage).detach();
   try {
     serve(options, [&answer] { answer.Say("READY"); });
   } catch (const std::exception& error) {
