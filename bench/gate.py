@@ -105,11 +105,9 @@ def main():
     parser.add_argument("--update", action="store_true", help="write what is measured into bench/limits.json")
     parser.add_argument("--programs", default=os.path.join(HERE, "..", "build", "bench", "bench"),
                         help=argparse.SUPPRESS)
-    parser.add_argument("--program", default="gate", help=argparse.SUPPRESS)
-    parser.add_argument("--flavour", default="", help=argparse.SUPPRESS)
     options = parser.parse_args()
     try:
-        found = measured(Peer("gate", options.program, options.flavour), options.programs)
+        found = measured(Peer("gate", "gate"), options.programs)
     except Failed as error:
         print(f"the gate cannot measure: {error}")
         return 1

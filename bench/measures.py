@@ -66,7 +66,7 @@ MEASURES = [
             what="memory of the server for each of 1,000 idle connections, KiB"),
     Measure("idle-10000", "kib", "hold", {"connections": 10000}, rounds=1, quick=False,
             what="memory of the server for each of 10,000 idle connections, KiB"),
-    Measure("idle-wakeups", "wakeups", "idle", rounds=2,
+    Measure("idle-wakeups", "wakeups", "idle", rounds=1,
             what="wake-ups in a second of a client and a server that have nothing to do"),
     Measure("syscalls", "syscalls", "call", placements=(FREE, ONE_CPU), rounds=1,
             what="system calls for each small call, both processes"),

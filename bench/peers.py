@@ -34,7 +34,7 @@ PEERS = [
     Peer("zmq-dealer", "zmq", "dealer", packages=("libzmq3-dev",), note="ZeroMQ DEALER/ROUTER, four workers"),
     Peer("nng", "nng", packages=("libnng-dev",), note="nng req/rep, four workers with contexts"),
     Peer("sd-bus", "sdbus", packages=("libsystemd-dev",), note="sd-bus peer to peer, one thread a side",
-         left_out={"idle-10000": "its event loop looks at each connection in each turn: to open so many takes minutes"}),
+         left_out={"idle-10000": "its loop looks at all connections in each turn; opening so many takes minutes"}),
     Peer(RAW_TCP, "raw", transport="tcp", note="raw over TCP loopback"),
     Peer("libmivo-tcp", "mivo", transport="tcp", note="libmivo over TCP loopback"),
     Peer("grpc-tcp", "grpc", transport="tcp", packages=("libgrpc++-dev", "protobuf-compiler-grpc", "libprotobuf-dev"),

@@ -63,7 +63,8 @@ def draw(results, folder):
                  "split": "Small call, client and server on a CPU each"}[place]
         wanted.append((title, f"latency-{place}.svg", *_latency(rows, place)))
     callers = [(count, f"callers-{count}") for count in (1, 2, 4, 8, 16)]
-    wanted.append(("Small calls a second, by callers on one connection", "callers.svg", _over(rows, callers, "calls_s"), [
+    title = "Small calls a second, by callers on one connection"
+    wanted.append((title, "callers.svg", _over(rows, callers, "calls_s"), [
         "set logscale x 2", "set logscale y", "set xlabel 'callers'", "set ylabel 'calls a second'"]))
     sizes = [(4 * KIB, "echo-4k"), (64 * KIB, "echo-64k"), (MIB, "echo-1m"), (16 * MIB, "echo-16m"),
              (256 * MIB, "large-256m")]
@@ -71,7 +72,8 @@ def draw(results, folder):
                                                             ("16 MiB", 16 * MIB), ("256 MiB", 256 * MIB)))
     wanted.append(("Echo, by size (256 MiB by the means for data of any size)", "bandwidth.svg",
                    _over(rows, sizes, "mb_s"), [
-                       "set logscale x 2", "set logscale y", "set ylabel 'MB/s, one direction'", f"set xtics ({marks})"]))
+                       "set logscale x 2", "set logscale y", "set ylabel 'MB/s, one direction'",
+                       f"set xtics ({marks})"]))
     drawn = []
     for title, file, series, setup in wanted:
         if series:

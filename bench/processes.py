@@ -12,7 +12,7 @@ import tempfile
 import threading
 import time
 
-from measures import FREE, ONE_CPU, SPLIT
+from measures import FREE, SPLIT
 
 ALL_CPUS = os.sched_getaffinity(0)
 
@@ -90,8 +90,8 @@ class Server:
             return int(re.search(r"^VmRSS:\s+(\d+)", status.read(), re.M).group(1))
 
     def start_client(self, measure, arguments, cpus=None, wrapper=()):
-        command = [*wrapper, os.path.join(self.programs, f"bench_{self.peer.program}_client"), "--address", self.address,
-                   "--measure", measure, "--server-pid", str(self.pid)]
+        command = [*wrapper, os.path.join(self.programs, f"bench_{self.peer.program}_client"),
+                   "--address", self.address, "--measure", measure, "--server-pid", str(self.pid)]
         if self.peer.flavour:
             command += ["--flavour", self.peer.flavour]
         for name, value in arguments.items():

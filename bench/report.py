@@ -90,7 +90,8 @@ def call_columns(measure, place, cpu=True):
     columns = [("p50 us", measure, place, "p50_us", 1), ("p99 us", measure, place, "p99_us", 1),
                ("p99.9 us", measure, place, "p999_us", 1), ("mean us", measure, place, "mean_us", 1)]
     if cpu:
-        columns += [("CPU s / 100k", measure, place, "cpu_s_100k", 2), ("switches / call", measure, place, "switches", 2)]
+        columns += [("CPU s / 100k", measure, place, "cpu_s_100k", 2),
+                    ("switches / call", measure, place, "switches", 2)]
     return columns
 
 
@@ -163,8 +164,8 @@ def losses(figures):
                                  f"| {measure.figure} | {number(own)} | {', '.join(ahead)} |")
     if not lines:
         return []
-    return ["### Who is ahead of libmivo, and in what", "", "| measure | figure | libmivo | ahead |", "|---|---|--:|---|",
-            *lines, ""]
+    return ["### Who is ahead of libmivo, and in what", "",
+            "| measure | figure | libmivo | ahead |", "|---|---|--:|---|", *lines, ""]
 
 
 def spread(figures):
@@ -194,7 +195,8 @@ def codec_table(codec):
         if encoding not in encodings:
             encodings.append(encoding)
         rows.setdefault(what, {})[encoding] = ns
-    lines = ["### Encoding and decoding, ns", "", "| | " + " | ".join(encodings) + " |", "|---|" + "--:|" * len(encodings)]
+    lines = ["### Encoding and decoding, ns", "",
+             "| | " + " | ".join(encodings) + " |", "|---|" + "--:|" * len(encodings)]
     for what, row in rows.items():
         lines.append(f"| {what} | " + " | ".join(number(row[e]) if e in row else "" for e in encodings) + " |")
     return lines + [""]

@@ -17,7 +17,7 @@ import time
 
 import codec
 import report
-from measures import FREE, MEASURES, ONE_CPU, PLACEMENTS
+from measures import MEASURES, PLACEMENTS
 from peers import BEST, PEERS, RAW, RAW_TCP, TCP
 from processes import Failed, Hogs, Server, SystemCalls, cpus_of, idle_memory, ALL_CPUS
 
@@ -184,7 +184,8 @@ def add_ratios(figures):
 
 def first_line(command):
     try:
-        run = subprocess.run(command, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True, check=False, cwd=HERE)
+        run = subprocess.run(command, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True, check=False,
+                             cwd=HERE)
         return run.stdout.splitlines()[0].strip()
     except (OSError, IndexError):
         return "unknown"
@@ -256,6 +257,7 @@ def main():
         "figures": run.results(),
     }
     path = os.path.join(HERE, "results", (options.name or "last") + ".json")
+    os.makedirs(os.path.dirname(path), exist_ok=True)
     with open(path, "w", encoding="utf-8") as file:
         file.write(compact(results))
     print(report.tables(results))
