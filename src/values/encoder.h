@@ -21,6 +21,7 @@ inline constexpr std::size_t kIntRecordSize = 9;
 inline constexpr std::size_t kBoolRecordSize = 6;
 inline constexpr std::size_t kDoubleRecordSize = 13;
 inline constexpr std::size_t kListHeaderSize = 5;  // the elements follow
+inline constexpr std::size_t kTextHeadSize = 5;    // of a string or stream: what stands before its bytes
 inline constexpr std::size_t kStampSize = 4;       // the last bytes of a scalar's record
 constexpr std::size_t StringRecordSize(std::size_t length) {
   return 9 + length;

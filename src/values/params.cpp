@@ -70,7 +70,7 @@ void AppendLong(EncodingBuffer& buffer, ReadFace* read_face, std::string_view he
 
 void AppendText(EncodingBuffer& buffer, ReadFace* read_face, WireTag tag, std::string_view bytes) {
   if (bytes.size() >= kLongText && !buffer.is_shown()) {
-    char head[5];
+    char head[mivo::kTextHeadSize];
     mivo::PutTextHead(head, tag, bytes.size());
     AppendLong(buffer, read_face, std::string_view(head, sizeof head), bytes);
     return;
@@ -82,7 +82,7 @@ void AppendText(EncodingBuffer& buffer, ReadFace* read_face, WireTag tag, std::s
 void AppendKeyAndText(EncodingBuffer& buffer, ReadFace* read_face, std::string_view key, WireTag tag,
                       std::string_view bytes) {
   if (bytes.size() >= kLongText && !buffer.is_shown()) {
-    std::string head(KeySize(key.size()) + 5, '\0');
+    std::string head(KeySize(key.size()) + mivo::kTextHeadSize, '\0');
     mivo::PutTextHead(mivo::PutKey(head.data(), buffer.view().size(), key), tag, bytes.size());
     AppendLong(buffer, read_face, head, bytes);
     return;
