@@ -83,6 +83,12 @@ class Decoder {
     return TakeRecord();
   }
 
+  // The value alone of a scalar's record; false where none begins. The sink hears nothing of it.
+  bool TakeScalarAt(std::uint64_t offset, Scalar& value) {
+    position_ = offset;
+    return ByteAt(offset) <= kLastScalarTag && TakeValue(value);
+  }
+
  private:
   bool TakeRecord() {
     const std::uint64_t start = position_;
@@ -232,10 +238,11 @@ class Decoder {
            static_cast<std::uint32_t>(ByteInside(offset + 2)) << 16;
   }
 
+  // Numbers travel as they lie in memory; the library is for little-endian machines.
   std::uint32_t WholeU32At(std::uint64_t offset) const {
-    return static_cast<std::uint32_t>(ByteInside(offset)) | static_cast<std::uint32_t>(ByteInside(offset + 1)) << 8 |
-           static_cast<std::uint32_t>(ByteInside(offset + 2)) << 16 |
-           static_cast<std::uint32_t>(ByteInside(offset + 3)) << 24;
+    std::uint32_t value = 0;
+    std::memcpy(&value, bytes_.data() + offset, sizeof(value));
+    return value;
   }
 
   // The caller's bound covers the first three bytes; the fourth may be the one byte a cut value lacks.

@@ -7,7 +7,9 @@
 namespace mivo {
 namespace {
 
+// Small sets double their room more quickly, for they are copied at each step.
 constexpr std::size_t kSmallestRoom = 240;
+constexpr std::size_t kFewBytes = 2000;
 
 // What is taken into use at once is filled with zeros first, so it stays in proportion to what there is.
 constexpr std::size_t kSmallestStep = 256;
@@ -19,7 +21,7 @@ void EncodingBuffer::Reserve(std::size_t size, std::initializer_list<std::string
   const std::size_t needed = former.size() + size;
   if (!is_borrowed() && bytes_.capacity() >= needed) return;
   std::string grown;
-  grown.reserve(std::max({needed, 2 * former.size(), kSmallestRoom}));
+  grown.reserve(std::max({needed, (former.size() < kFewBytes ? 4 : 2) * former.size(), kSmallestRoom}));
   grown.append(former);
   const std::less<> less;
   for (std::string_view* source : sources) {
@@ -27,19 +29,20 @@ void EncodingBuffer::Reserve(std::size_t size, std::initializer_list<std::string
     const auto offset = static_cast<std::size_t>(source->data() - former.data());
     *source = std::string_view(grown.data() + offset, source->size());
   }
-  size_ = former.size();
+  size_ = open_ = former.size();
   borrowed_ = std::string_view();
   before = std::exchange(bytes_, std::move(grown));
 }
 
 void EncodingBuffer::Open(std::size_t size) {
-  bytes_.resize(std::min(bytes_.capacity(), size_ + size + std::max(size_, kSmallestStep)));
+  open_ = std::min(bytes_.capacity(), size_ + size + std::max(size_, kSmallestStep));
+  bytes_.resize(open_);
 }
 
 void EncodingBuffer::Append(std::string_view bytes) {
   Trim();
   bytes_.append(bytes);
-  size_ = bytes_.size();
+  size_ = open_ = bytes_.size();
 }
 
 std::string& EncodingBuffer::Text() {
@@ -47,6 +50,7 @@ std::string& EncodingBuffer::Text() {
     Own();
     Trim();
     shown_ = true;
+    size_ = open_ = 0;
   }
   return bytes_;
 }
@@ -64,13 +68,13 @@ void EncodingBuffer::Clear() {
 void EncodingBuffer::Assign(std::string_view bytes) {
   bytes_.assign(bytes);
   borrowed_ = std::string_view();
-  size_ = bytes_.size();
+  Measure();
 }
 
 void EncodingBuffer::Adopt(std::string bytes) {
   bytes_ = std::move(bytes);
   borrowed_ = std::string_view();
-  size_ = bytes_.size();
+  Measure();
 }
 
 void EncodingBuffer::Borrow(std::string_view bytes) {
@@ -78,8 +82,8 @@ void EncodingBuffer::Borrow(std::string_view bytes) {
     Assign(bytes);
     return;
   }
-  size_ = 0;
   bytes_.clear();
+  Measure();
   borrowed_ = bytes;
 }
 
@@ -88,7 +92,7 @@ std::string EncodingBuffer::Take() {
   if (!shown_) Trim();
   std::string taken = std::move(bytes_);
   bytes_.clear();
-  size_ = 0;
+  Measure();
   return taken;
 }
 
@@ -98,7 +102,12 @@ void EncodingBuffer::Own() {
 }
 
 void EncodingBuffer::Trim() {
-  if (bytes_.size() != size_) bytes_.resize(size_);
+  if (open_ != size_) bytes_.resize(size_);
+  open_ = size_;
+}
+
+void EncodingBuffer::Measure() {
+  size_ = open_ = shown_ ? 0 : bytes_.size();
 }
 
 }  // namespace mivo

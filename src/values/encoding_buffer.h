@@ -31,10 +31,11 @@ class EncodingBuffer {
 
   // Room for a record of `size` bytes at the end, which Wrote makes part of the encoding. Null when there is none, or
   // the string is shown: Reserve and Open then, or append to Text.
-  char* Room(std::size_t size) { return !shown_ && bytes_.size() - size_ >= size ? bytes_.data() + size_ : nullptr; }
-  void Wrote(std::size_t size) {
-    size_ += size;
-    bytes_[size_] = '\0';
+  char* Room(std::size_t size) { return open_ - size_ >= size ? bytes_.data() + size_ : nullptr; }
+  // `at` is what Room has given, `end` what end says.
+  void Wrote(char* at, std::size_t end, std::size_t size) {
+    size_ = end + size;
+    at[size] = '\0';
   }
   // Where that record will stand.
   std::size_t end() const { return size_; }
@@ -62,9 +63,13 @@ class EncodingBuffer {
  private:
   void Own();
   void Trim();
+  void Measure();
 
   bool shown_ = false;
-  std::size_t size_ = 0;  // of the encoding; of no meaning once the string is shown, for then it is the string's
+  // Of the encoding, and of the string with what is taken into use behind it. Both are 0 while that is not the buffer's
+  // alone: then the size is that of the string, or of what is borrowed.
+  std::size_t size_ = 0;
+  std::size_t open_ = 0;
   std::string bytes_;
   std::string_view borrowed_;  // with data where the encoding is borrowed; bytes_ is empty then
 };

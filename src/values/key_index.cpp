@@ -31,7 +31,18 @@ std::uint64_t Word(const char* bytes, std::size_t size) {
   return word;
 }
 
-std::uint32_t Hash(std::string_view key) {
+bool AreEqual(const char* a, const char* b, std::size_t size) {
+  if (size > 16) return std::memcmp(a, b, size) == 0;
+  if (size >= 8) return Word(a, 8) == Word(b, 8) && Word(a + size - 8, 8) == Word(b + size - 8, 8);
+  if (size >= 4) return Word(a, 4) == Word(b, 4) && Word(a + size - 4, 4) == Word(b + size - 4, 4);
+  return size == 0 || (a[0] == b[0] && a[size / 2] == b[size / 2] && a[size - 1] == b[size - 1]);
+}
+
+constexpr std::uint32_t kFree = UINT32_MAX;
+
+}  // namespace
+
+std::uint32_t KeyIndex::Hash(std::string_view key) {
   static const Seed seed;
   std::uint64_t hash = seed.words[0] ^ key.size();
   const char* bytes = key.data();
@@ -50,44 +61,52 @@ std::uint32_t Hash(std::string_view key) {
   return static_cast<std::uint32_t>(Mix(hash ^ rest, seed.words[1]));
 }
 
-constexpr std::uint32_t kFree = UINT32_MAX;
+bool KeyIndex::Is(const char* bytes, std::uint32_t number, std::string_view key) const {
+  const Place& place = keys_[number];
+  return place.length == key.size() && AreEqual(bytes + place.offset, key.data(), key.size());
+}
 
-}  // namespace
-
-std::uint32_t KeyIndex::Find(const char* bytes, std::string_view key) const {
-  if (slots_ == nullptr) {
-    for (std::uint32_t number = 0; number < size(); ++number) {
-      if (Key(bytes, number) == key) return number;
-    }
-    return kAbsent;
+std::uint32_t KeyIndex::FindAmongFew(const char* bytes, std::string_view key) const {
+  for (std::uint32_t number = 0; number < size(); ++number) {
+    if (Is(bytes, number, key)) return number;
   }
-  for (std::uint32_t slot = Hash(key) & mask_;; slot = (slot + 1) & mask_) {
+  return kAbsent;
+}
+
+std::uint32_t KeyIndex::FindInSlots(const char* bytes, std::string_view key, std::uint32_t hash) const {
+  for (std::uint32_t slot = hash & mask_;; slot = (slot + 1) & mask_) {
     const std::uint32_t number = slots_[slot];
     if (number == kFree) return kAbsent;
-    if (Key(bytes, number) == key) return number;
+    if (keys_[number].hash == hash && Is(bytes, number, key)) return number;
   }
 }
 
-void KeyIndex::Add(const char* bytes, std::string_view key) {
+void KeyIndex::Add(const char* bytes, std::string_view key, std::uint32_t hash) {
   const std::uint32_t number = size();
-  if (number == 0) keys_.reserve(kFewKeys);
-  // Room in both before the key is in either.
-  if (number >= kFewKeys && (slots_ == nullptr || 2 * (number + 1) > mask_)) Grow(bytes);
-  keys_.push_back({static_cast<std::uint32_t>(key.data() - bytes), static_cast<std::uint32_t>(key.size())});
-  if (slots_ != nullptr) Enter(number, key);
+  // Room among the slots first: a key that is in one of the two only would be lost or found beyond the end.
+  if (number == kFewKeys && slots_ == nullptr) {
+    for (std::uint32_t earlier = 0; earlier < number; ++earlier)
+      keys_[earlier].hash = Hash(Key(bytes, earlier));
+    hash = Hash(key);
+    Grow();
+  } else if (slots_ != nullptr && 2 * (number + 1) > mask_) {
+    Grow();
+  }
+  keys_.Add({static_cast<std::uint32_t>(key.data() - bytes), static_cast<std::uint32_t>(key.size()), hash});
+  if (slots_ != nullptr) Enter(number);
 }
 
-void KeyIndex::Grow(const char* bytes) {
-  const std::uint32_t count = slots_ == nullptr ? 4 * kFewKeys : 4 * (mask_ + 1);
+void KeyIndex::Grow() {
+  const std::uint32_t count = slots_ == nullptr ? 4 * kFewKeys : 2 * (mask_ + 1);
   slots_.reset(new std::uint32_t[count]);
   std::fill_n(slots_.get(), count, kFree);
   mask_ = count - 1;
   for (std::uint32_t number = 0; number < size(); ++number)
-    Enter(number, Key(bytes, number));
+    Enter(number);
 }
 
-void KeyIndex::Enter(std::uint32_t number, std::string_view key) {
-  std::uint32_t slot = Hash(key) & mask_;
+void KeyIndex::Enter(std::uint32_t number) {
+  std::uint32_t slot = keys_[number].hash & mask_;
   while (slots_[slot] != kFree)
     slot = (slot + 1) & mask_;
   slots_[slot] = number;

@@ -16,11 +16,6 @@ LazyValues::~LazyValues() {
   delete[] others;
 }
 
-const LazyValues::Page* LazyValues::FindPage(std::uint32_t number) const {
-  const std::atomic<Page*>* const others = others_.load(std::memory_order_acquire);
-  return others == nullptr ? nullptr : others[number / kPageSize - 1].load(std::memory_order_acquire);
-}
-
 std::atomic<LazyValues::Page*>& LazyValues::PlaceOf(std::uint32_t page_number) {
   if (page_number == 0) return first_;
   std::atomic<Page*>* others = others_.load(std::memory_order_relaxed);
@@ -52,9 +47,10 @@ LazyValues::Page* LazyValues::MakePage(std::uint32_t page_number, std::string_vi
   const std::uint32_t count = std::min(size() - first, kPageSize);
   Page* const page = new (::operator new(sizeof(Page) + count * sizeof(MIVOValue))) Page;
   std::uint64_t made = 0;
-  for (std::uint32_t index = 0; index < count; ++index) {
-    const std::uint32_t offset = offsets_[first + index];
-    if (offset != kNoRecord && MakeNumber(bytes, offset, page->Slot(index))) made |= BitOf(index);
+  try {
+    MakeSmallValues(bytes, offsets_.data() + first, count, page->Slot(0), made);
+  } catch (const std::bad_alloc&) {
+    // What is not made stays to be asked for, the one that is asked for now among it.
   }
   page->made.store(made, std::memory_order_relaxed);
   return page;

@@ -2,7 +2,7 @@
 //
 // A value object has 88 bytes and stands for as few as 5 of the peer's. So what was only decoded costs 4 bytes a value,
 // the offset of its record, and what is asked for costs its object. Objects are made by the page: with the one that is
-// asked for, those of its page that cost nothing more, and no others.
+// asked for, the numbers and short texts of its page, and no others.
 //
 // Threads: Find and At may run side by side, At under one lock. Everything else runs alone.
 #ifndef MIVO_SRC_VALUES_LAZY_VALUES_H_
@@ -12,9 +12,9 @@
 
 #include <atomic>
 #include <cstdint>
-#include <memory>
 #include <string_view>
-#include <vector>
+
+#include "values/small_array.h"
 
 namespace mivo {
 
@@ -26,19 +26,16 @@ class LazyValues {
   LazyValues(const LazyValues&) = delete;
   LazyValues& operator=(const LazyValues&) = delete;
 
-  std::uint32_t size() const { return static_cast<std::uint32_t>(offsets_.size()); }
+  std::uint32_t size() const { return offsets_.size(); }
   // `offset` is that of a record that stands at the top level, or of a pair's value.
-  void Add(std::uint32_t offset) {
-    if (offsets_.empty()) offsets_.reserve(kFewValues);
-    offsets_.push_back(offset);
-  }
+  void Add(std::uint32_t offset) { offsets_.Add(offset); }
   // For `number`, before any value is made. At kNoRecord there is no value.
   static constexpr std::uint32_t kNoRecord = UINT32_MAX;
   void Replace(std::uint32_t number, std::uint32_t offset) { offsets_[number] = offset; }
 
   // The value, or null while it is not made.
   MIVOValue* Find(std::uint32_t number) const {
-    const Page* const page = number < kPageSize ? first_.load(std::memory_order_acquire) : FindPage(number);
+    const Page* const page = FindPage(number);
     if (page == nullptr || (page->made.load(std::memory_order_acquire) & BitOf(number)) == 0) return nullptr;
     return page->Slot(number % kPageSize);
   }
@@ -60,13 +57,17 @@ class LazyValues {
   static std::uint64_t BitOf(std::uint32_t number) { return std::uint64_t{1} << number % kPageSize; }
 
   std::uint32_t PageCount() const { return (size() + kPageSize - 1) / kPageSize; }
-  const Page* FindPage(std::uint32_t number) const;
+  const Page* FindPage(std::uint32_t number) const {
+    if (number < kPageSize) return first_.load(std::memory_order_acquire);
+    const std::atomic<Page*>* const others = others_.load(std::memory_order_acquire);
+    return others == nullptr ? nullptr : others[number / kPageSize - 1].load(std::memory_order_acquire);
+  }
   // The place of the page's pointer; a null one is one that was never made.
   std::atomic<Page*>& PlaceOf(std::uint32_t page_number);
   Page* MakePage(std::uint32_t page_number, std::string_view bytes) const;
   static void Destroy(Page* page);
 
-  std::vector<std::uint32_t> offsets_;
+  SmallArray<std::uint32_t, kFewValues> offsets_;
   std::atomic<Page*> first_{nullptr};
   // All other pages, once one of them is needed.
   std::atomic<std::atomic<Page*>*> others_{nullptr};

@@ -30,30 +30,42 @@ std::string_view Bytes(const char* bytes, long length) {
 // From here on a text is copied in one go; below, what it costs to have room beforehand is less than that.
 constexpr std::size_t kLongText = 4096;
 
-// Appends `size` bytes that `put` writes, given where they go and where in the encoding that is. All the room they need
-// is there before the first byte of them: the encoding never ends in half a record. What `put` reads may be part of the
-// encoding, if it is among the sources.
-template <class Put>
-void Append(EncodingBuffer& buffer, ReadFace* read_face, std::size_t size,
-            std::initializer_list<std::string_view*> sources, Put put) {
-  char* at = buffer.Room(size);
-  if (at == nullptr && buffer.is_shown()) {
+// Appends `size` bytes that `put` writes, given where they go, where in the encoding that is, and the views. All the
+// room they need is there before the first byte of them: the encoding never ends in half a record. The views may show
+// the encoding itself.
+//
+// Two steps, because nearly always there is room.
+template <class Put, class... Views>
+[[gnu::noinline]] void AppendWithoutRoom(EncodingBuffer*& made_buffer, ReadFace* read_face, std::size_t size, Put put,
+                                         Views... views) {
+  if (made_buffer == nullptr) made_buffer = new EncodingBuffer;
+  EncodingBuffer& buffer = *made_buffer;
+  if (buffer.is_shown()) {
     std::string& text = buffer.Text();
-    mivo::ReserveMore(text, size, sources);
+    mivo::ReserveMore(text, size, {&views...});
     const std::size_t end = text.size();
     text.resize(end + size);
-    put(text.data() + end, end);
+    put(text.data() + end, end, views...);
     return;
   }
   std::string before;
-  if (at == nullptr) {
-    buffer.Reserve(size, sources, before);
-    buffer.Open(size);
-    at = buffer.Room(size);
-  }
-  put(at, buffer.end());
-  buffer.Wrote(size);
+  buffer.Reserve(size, {&views...}, before);
+  buffer.Open(size);
+  char* const at = buffer.Room(size);
+  put(at, buffer.end(), views...);
+  buffer.Wrote(at, buffer.end(), size);
   if (!before.empty() && read_face != nullptr) read_face->TakeBuffer(std::move(before));
+}
+
+template <class Put, class... Views>
+void Append(EncodingBuffer*& made_buffer, ReadFace* read_face, std::size_t size, Put put, Views... views) {
+  EncodingBuffer* const buffer = made_buffer;
+  char* const at = buffer == nullptr ? nullptr : buffer->Room(size);
+  if (at == nullptr) return AppendWithoutRoom(made_buffer, read_face, size, put, views...);
+  // Kept here: for the compiler, the bytes that are written might be the buffer's own members.
+  const std::size_t end = buffer->end();
+  put(at, end, views...);
+  buffer->Wrote(at, end, size);
 }
 
 // `head` is what stands before a long text's bytes.
@@ -68,30 +80,34 @@ void AppendLong(EncodingBuffer& buffer, ReadFace* read_face, std::string_view he
   if (!before.empty() && read_face != nullptr) read_face->TakeBuffer(std::move(before));
 }
 
-void AppendText(EncodingBuffer& buffer, ReadFace* read_face, WireTag tag, std::string_view bytes) {
-  if (bytes.size() >= kLongText && !buffer.is_shown()) {
-    char head[mivo::kTextHeadSize];
-    mivo::PutTextHead(head, tag, bytes.size());
-    AppendLong(buffer, read_face, std::string_view(head, sizeof head), bytes);
-    return;
-  }
-  Append(buffer, read_face, StringRecordSize(bytes.size()), {&bytes},
-         [&](char* at, std::size_t offset) { mivo::PutText(at, offset, tag, bytes); });
+bool IsLong(const EncodingBuffer* buffer, std::string_view bytes) {
+  return bytes.size() >= kLongText && buffer != nullptr && !buffer->is_shown();
 }
 
-void AppendKeyAndText(EncodingBuffer& buffer, ReadFace* read_face, std::string_view key, WireTag tag,
-                      std::string_view bytes) {
-  if (bytes.size() >= kLongText && !buffer.is_shown()) {
-    std::string head(KeySize(key.size()) + mivo::kTextHeadSize, '\0');
-    mivo::PutTextHead(mivo::PutKey(head.data(), buffer.view().size(), key), tag, bytes.size());
-    AppendLong(buffer, read_face, head, bytes);
-    return;
+void AppendText(EncodingBuffer*& buffer, ReadFace* read_face, WireTag tag, std::string_view text) {
+  if (IsLong(buffer, text)) {
+    char head[mivo::kTextHeadSize];
+    mivo::PutTextHead(head, tag, text.size());
+    return AppendLong(*buffer, read_face, std::string_view(head, sizeof head), text);
   }
-  Append(buffer, read_face, KeySize(key.size()) + StringRecordSize(bytes.size()), {&key, &bytes},
-         [&](char* at, std::size_t offset) {
-           at = mivo::PutKey(at, offset, key);
-           mivo::PutText(at, offset + KeySize(key.size()), tag, bytes);
-         });
+  Append(
+      buffer, read_face, StringRecordSize(text.size()),
+      [tag](char* at, std::size_t offset, std::string_view bytes) { mivo::PutText(at, offset, tag, bytes); }, text);
+}
+
+void AppendKeyAndText(EncodingBuffer*& buffer, ReadFace* read_face, std::string_view name, WireTag tag,
+                      std::string_view text) {
+  if (IsLong(buffer, text)) {
+    std::string head(KeySize(name.size()) + mivo::kTextHeadSize, '\0');
+    mivo::PutTextHead(mivo::PutKey(head.data(), buffer->view().size(), name), tag, text.size());
+    return AppendLong(*buffer, read_face, head, text);
+  }
+  Append(
+      buffer, read_face, KeySize(name.size()) + StringRecordSize(text.size()),
+      [tag](char* at, std::size_t offset, std::string_view key, std::string_view bytes) {
+        mivo::PutText(mivo::PutKey(at, offset, key), offset + KeySize(key.size()), tag, bytes);
+      },
+      name, text);
 }
 
 std::string_view TextUpToNul(const MIVOValue& value) {
@@ -149,61 +165,64 @@ void MIVOParams::Clear() {
 }
 
 void MIVOParams::AddInt(int value) {
-  Append(ParamsBytes::Buffer(*this), read_face_, mivo::kIntRecordSize, {},
+  Append(buffer_, read_face_, mivo::kIntRecordSize,
          [value](char* at, std::size_t offset) { mivo::PutInt(at, offset, value); });
 }
 
 void MIVOParams::AddBool(bool value) {
-  Append(ParamsBytes::Buffer(*this), read_face_, mivo::kBoolRecordSize, {},
+  Append(buffer_, read_face_, mivo::kBoolRecordSize,
          [value](char* at, std::size_t offset) { mivo::PutBool(at, offset, value); });
 }
 
 void MIVOParams::AddDouble(double value) {
-  Append(ParamsBytes::Buffer(*this), read_face_, mivo::kDoubleRecordSize, {},
+  Append(buffer_, read_face_, mivo::kDoubleRecordSize,
          [value](char* at, std::size_t offset) { mivo::PutDouble(at, offset, value); });
 }
 
 void MIVOParams::AddString(const char* text) {
-  AppendText(ParamsBytes::Buffer(*this), read_face_, WireTag::kString, text);
+  AppendText(buffer_, read_face_, WireTag::kString, text);
 }
 
 void MIVOParams::AddStream(const char* bytes, long length) {
-  AppendText(ParamsBytes::Buffer(*this), read_face_, WireTag::kStream, Bytes(bytes, length));
+  AppendText(buffer_, read_face_, WireTag::kStream, Bytes(bytes, length));
 }
 
 void MIVOParams::AddKeyValueInt(const char* key, int value) {
-  std::string_view text = key;
-  Append(ParamsBytes::Buffer(*this), read_face_, KeySize(text.size()) + mivo::kIntRecordSize, {&text},
-         [&](char* at, std::size_t offset) {
-           at = mivo::PutKey(at, offset, text);
-           mivo::PutInt(at, offset + KeySize(text.size()), value);
-         });
+  const std::string_view name = key;
+  Append(
+      buffer_, read_face_, KeySize(name.size()) + mivo::kIntRecordSize,
+      [value](char* at, std::size_t offset, std::string_view text) {
+        mivo::PutInt(mivo::PutKey(at, offset, text), offset + KeySize(text.size()), value);
+      },
+      name);
 }
 
 void MIVOParams::AddKeyValueBool(const char* key, bool value) {
-  std::string_view text = key;
-  Append(ParamsBytes::Buffer(*this), read_face_, KeySize(text.size()) + mivo::kBoolRecordSize, {&text},
-         [&](char* at, std::size_t offset) {
-           at = mivo::PutKey(at, offset, text);
-           mivo::PutBool(at, offset + KeySize(text.size()), value);
-         });
+  const std::string_view name = key;
+  Append(
+      buffer_, read_face_, KeySize(name.size()) + mivo::kBoolRecordSize,
+      [value](char* at, std::size_t offset, std::string_view text) {
+        mivo::PutBool(mivo::PutKey(at, offset, text), offset + KeySize(text.size()), value);
+      },
+      name);
 }
 
 void MIVOParams::AddKeyValueDouble(const char* key, double value) {
-  std::string_view text = key;
-  Append(ParamsBytes::Buffer(*this), read_face_, KeySize(text.size()) + mivo::kDoubleRecordSize, {&text},
-         [&](char* at, std::size_t offset) {
-           at = mivo::PutKey(at, offset, text);
-           mivo::PutDouble(at, offset + KeySize(text.size()), value);
-         });
+  const std::string_view name = key;
+  Append(
+      buffer_, read_face_, KeySize(name.size()) + mivo::kDoubleRecordSize,
+      [value](char* at, std::size_t offset, std::string_view text) {
+        mivo::PutDouble(mivo::PutKey(at, offset, text), offset + KeySize(text.size()), value);
+      },
+      name);
 }
 
 void MIVOParams::AddKeyValueString(const char* key, const char* text) {
-  AppendKeyAndText(ParamsBytes::Buffer(*this), read_face_, key, WireTag::kString, text);
+  AppendKeyAndText(buffer_, read_face_, key, WireTag::kString, text);
 }
 
 void MIVOParams::AddKeyValueStream(const char* key, const char* bytes, long length) {
-  AppendKeyAndText(ParamsBytes::Buffer(*this), read_face_, key, WireTag::kStream, Bytes(bytes, length));
+  AppendKeyAndText(buffer_, read_face_, key, WireTag::kStream, Bytes(bytes, length));
 }
 
 ListParams* MIVOParams::CreateListParams() {
@@ -216,7 +235,7 @@ void MIVOParams::AddList(ListParams* list) {
   std::size_t size = mivo::kListHeaderSize;
   for (const MIVOValue* element : elements)
     size += RecordSize(*element);
-  Append(ParamsBytes::Buffer(*this), read_face_, size, {}, [&](char* at, std::size_t offset) {
+  Append(buffer_, read_face_, size, [&](char* at, std::size_t offset) {
     const char* const start = at;
     at = mivo::PutListHeader(at, static_cast<std::uint32_t>(elements.size()));
     for (const MIVOValue* element : elements)

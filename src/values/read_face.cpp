@@ -18,13 +18,13 @@ class ReadFace::Indexer {
   void OnPositional(std::uint64_t offset, const Scalar&) { face_.positional_.Add(static_cast<std::uint32_t>(offset)); }
 
   void OnKey(std::string_view key) {
-    number_ = face_.keys_.Find(bytes_, key);
+    number_ = face_.keys_.Find(bytes_, key, hash_);
     if (number_ != KeyIndex::kAbsent) face_.keyed_.Replace(number_, LazyValues::kNoRecord);
   }
 
   void OnKeyed(std::uint64_t offset, std::string_view key, const Scalar&) {
     if (number_ == KeyIndex::kAbsent) {
-      face_.keys_.Add(bytes_, key);
+      face_.keys_.Add(bytes_, key, hash_);
       face_.keyed_.Add(static_cast<std::uint32_t>(offset));
     } else {
       face_.keyed_.Replace(number_, static_cast<std::uint32_t>(offset));
@@ -43,6 +43,7 @@ class ReadFace::Indexer {
   ReadFace& face_;
   const char* const bytes_;
   std::uint32_t number_ = KeyIndex::kAbsent;  // of the key named last
+  std::uint32_t hash_ = 0;                    // that key's
   std::uint32_t list_ = 0;                    // where the list that is not at its end yet begins
 };
 

@@ -18,12 +18,12 @@ inline char* PutTag(char* at, WireTag tag) {
   return at + 1;
 }
 
+// Numbers travel as they lie in memory; the library is for little-endian machines.
+static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "");
+
 inline char* PutU32(char* at, std::uint32_t value) {
-  at[0] = static_cast<char>(value & 0xFF);
-  at[1] = static_cast<char>((value >> 8) & 0xFF);
-  at[2] = static_cast<char>((value >> 16) & 0xFF);
-  at[3] = static_cast<char>((value >> 24) & 0xFF);
-  return at + 4;
+  std::memcpy(at, &value, sizeof(value));
+  return at + sizeof(value);
 }
 
 // Most texts are shorter than a call of memcpy is worth.
@@ -62,12 +62,10 @@ inline char* PutBool(char* at, std::uint64_t offset, bool value) {
 }
 
 inline char* PutDouble(char* at, std::uint64_t offset, double value) {
-  static_assert(sizeof(double) == sizeof(std::uint64_t), "the wire carries IEEE 754 binary64");
-  std::uint64_t bits = 0;
-  std::memcpy(&bits, &value, sizeof(bits));
-  at = PutU32(PutTag(at, WireTag::kDouble), static_cast<std::uint32_t>(bits));
-  at = PutU32(at, static_cast<std::uint32_t>(bits >> 32));
-  return PutU32(at, static_cast<std::uint32_t>(offset + 9));
+  static_assert(sizeof(value) == 8, "the wire carries IEEE 754 binary64");
+  at = PutTag(at, WireTag::kDouble);
+  std::memcpy(at, &value, sizeof(value));
+  return PutU32(at + sizeof(value), static_cast<std::uint32_t>(offset + 9));
 }
 
 // A string or stream up to its bytes: they come next, and then their stamp.

@@ -5,6 +5,8 @@
 #include <stdexcept>
 #include <utility>
 
+#include "values/spare_texts.h"
+
 namespace {
 
 // The field is public and may hold a number that is no enumerator; an int of it can be read all the same.
@@ -17,7 +19,7 @@ int NumberOf(const MIVOValue::Type& type) {
 
 std::string* NewText(const char* bytes, long length) {
   if (bytes == nullptr && length != 0) throw std::logic_error("basic_string::_S_construct null not valid");
-  return length > 0 ? new std::string(bytes, static_cast<std::size_t>(length)) : new std::string();
+  return mivo::NewText(bytes, length > 0 ? static_cast<std::size_t>(length) : 0);
 }
 
 template <typename... Arguments>
@@ -103,15 +105,16 @@ MIVOValue& MIVOValue::operator=(const MIVOValue& source) {
   return *this;
 }
 
+// Numbers own nothing, and most values are numbers.
 MIVOValue::~MIVOValue() {
-  clear();
+  if (NumberOf(type) >= String) clear();
 }
 
 void MIVOValue::clear() {
   switch (NumberOf(type)) {
     case String:
     case Stream:
-      delete data.text;
+      mivo::DeleteText(data.text);
       break;
     case List:
       for (MIVOValue* element : list)

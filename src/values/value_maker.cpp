@@ -88,12 +88,18 @@ bool MakeValue(std::string_view bytes, std::uint64_t offset, MIVOValue* place) {
   return maker.made();
 }
 
-bool MakeNumber(std::string_view bytes, std::uint64_t offset, MIVOValue* place) {
-  if (offset >= bytes.size() ||
-      static_cast<std::uint8_t>(bytes[offset]) > static_cast<std::uint8_t>(WireTag::kDouble)) {
-    return false;
+void MakeSmallValues(std::string_view bytes, const std::uint32_t* offsets, std::uint32_t count, MIVOValue* places,
+                     std::uint64_t& made) {
+  constexpr std::size_t kShortText = 64;
+  Maker none(nullptr);
+  Decoder<Maker> decoder(bytes, none);
+  for (std::uint32_t index = 0; index < count; ++index) {
+    Scalar value;
+    if (!decoder.TakeScalarAt(offsets[index], value) || value.bytes.size() > kShortText) continue;
+    void* const place = places + index;
+    MakeWith(value, [place](auto... arguments) { return new (place) MIVOValue(arguments...); });
+    made |= std::uint64_t{1} << index;
   }
-  return MakeValue(bytes, offset, place);
 }
 
 }  // namespace mivo

@@ -13,8 +13,11 @@ namespace mivo {
 // holds a value stands; that does not happen in bytes that were decoded and are still the same.
 bool MakeValue(std::string_view bytes, std::uint64_t offset, MIVOValue* place);
 
-// The same for a number; false for anything else.
-bool MakeNumber(std::string_view bytes, std::uint64_t offset, MIVOValue* place);
+// Makes those of up to 64 values that cost little beside their objects, numbers and short texts: that of the record at
+// offsets[i] in places[i], and its bit of `made` set. Nothing stands at an offset beyond the bytes. An exception leaves
+// what was made until then.
+void MakeSmallValues(std::string_view bytes, const std::uint32_t* offsets, std::uint32_t count, MIVOValue* places,
+                     std::uint64_t& made);
 
 }  // namespace mivo
 
