@@ -4,6 +4,8 @@
 #include <functional>
 #include <utility>
 
+#include "values/thread_stock.h"
+
 namespace mivo {
 namespace {
 
@@ -14,7 +16,22 @@ constexpr std::size_t kFewBytes = 2000;
 // What is taken into use at once is filled with zeros first, so it stays in proportion to what there is.
 constexpr std::size_t kSmallestStep = 256;
 
+constexpr std::size_t kLongestSpare = 16384;
+using SpareBuffers = ThreadStock<EncodingBuffer, 4>;
+
 }  // namespace
+
+EncodingBuffer* EncodingBuffer::New() {
+  EncodingBuffer* const spare = SpareBuffers::Take();
+  return spare != nullptr ? spare : new EncodingBuffer;
+}
+
+// One whose string was given away goes: somebody may still have its address.
+void EncodingBuffer::Delete(EncodingBuffer* buffer) {
+  if (buffer == nullptr) return;
+  buffer->Clear();
+  if (buffer->shown_ || buffer->bytes_.capacity() > kLongestSpare || !SpareBuffers::Give(buffer)) delete buffer;
+}
 
 void EncodingBuffer::Reserve(std::size_t size, std::initializer_list<std::string_view*> sources, std::string& before) {
   const std::string_view former = view();

@@ -17,6 +17,10 @@ namespace mivo {
 
 class EncodingBuffer {
  public:
+  // Buffers with their memory are used again on the thread that has done with them.
+  static EncodingBuffer* New();
+  static void Delete(EncodingBuffer* buffer);
+
   EncodingBuffer() = default;
   EncodingBuffer(const EncodingBuffer&) = delete;
   EncodingBuffer& operator=(const EncodingBuffer&) = delete;

@@ -38,7 +38,7 @@ constexpr std::size_t kLongText = 4096;
 template <class Put, class... Views>
 [[gnu::noinline]] void AppendWithoutRoom(EncodingBuffer*& made_buffer, ReadFace* read_face, std::size_t size, Put put,
                                          Views... views) {
-  if (made_buffer == nullptr) made_buffer = new EncodingBuffer;
+  if (made_buffer == nullptr) made_buffer = EncodingBuffer::New();
   EncodingBuffer& buffer = *made_buffer;
   if (buffer.is_shown()) {
     std::string& text = buffer.Text();
@@ -155,7 +155,7 @@ MIVOParams::MIVOParams(const MIVOParams& source) : MIVOParams() {
 
 MIVOParams::~MIVOParams() {
   ParamsBytes::DropReadFace(*this);
-  delete buffer_;
+  EncodingBuffer::Delete(buffer_);
   delete values_by_key_;
 }
 

@@ -28,7 +28,7 @@ bool ParamsBytes::DecodeBorrowed(MIVOParams& params, std::string_view bytes) {
 }
 
 EncodingBuffer& ParamsBytes::Buffer(MIVOParams& params) {
-  if (params.buffer_ == nullptr) params.buffer_ = new EncodingBuffer;
+  if (params.buffer_ == nullptr) params.buffer_ = EncodingBuffer::New();
   return *params.buffer_;
 }
 

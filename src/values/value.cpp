@@ -5,7 +5,7 @@
 #include <stdexcept>
 #include <utility>
 
-#include "values/spare_texts.h"
+#include "values/thread_stock.h"
 
 namespace {
 
@@ -17,9 +17,23 @@ int NumberOf(const MIVOValue::Type& type) {
   return number;
 }
 
+constexpr std::size_t kLongestSpare = 64;
+using SpareTexts = mivo::ThreadStock<std::string, 128>;
+
 std::string* NewText(const char* bytes, long length) {
   if (bytes == nullptr && length != 0) throw std::logic_error("basic_string::_S_construct null not valid");
-  return mivo::NewText(bytes, length > 0 ? static_cast<std::size_t>(length) : 0);
+  const std::size_t size = length > 0 ? static_cast<std::size_t>(length) : 0;
+  if (size <= kLongestSpare) {
+    if (std::unique_ptr<std::string> spare{SpareTexts::Take()}) {
+      spare->assign(bytes, size);
+      return spare.release();
+    }
+  }
+  return new std::string(bytes, size);
+}
+
+void DeleteText(std::string* text) {
+  if (text == nullptr || text->capacity() > kLongestSpare || !SpareTexts::Give(text)) delete text;
 }
 
 template <typename... Arguments>
@@ -114,7 +128,7 @@ void MIVOValue::clear() {
   switch (NumberOf(type)) {
     case String:
     case Stream:
-      mivo::DeleteText(data.text);
+      DeleteText(data.text);
       break;
     case List:
       for (MIVOValue* element : list)
