@@ -77,28 +77,26 @@ class Decoder {
     return true;
   }
 
-  // One record of the top level that was found at `offset` before.
+  // The record at `offset` again, of those that OnPositional, OnListEnd and OnListMapEnd have told of.
   bool TakeRecordAt(std::uint64_t offset) {
     position_ = offset;
-    return TakeRecord();
+    const std::uint8_t tag = ByteAt(offset);
+    if (tag == static_cast<std::uint8_t>(WireTag::kList)) return TakeList();
+    if (tag == static_cast<std::uint8_t>(WireTag::kListMap)) return TakeListMap();
+    return TakePositional();
   }
 
   // The value alone of a scalar's record; false where none begins. The sink hears nothing of it.
   bool TakeScalarAt(std::uint64_t offset, Scalar& value) {
     position_ = offset;
-    return ByteAt(offset) <= kLastScalarTag && TakeValue(value);
+    if (ByteAt(offset) > kLastScalarTag) return false;
+    return TakeValue(value);
   }
 
  private:
   bool TakeRecord() {
-    const std::uint64_t start = position_;
-    const std::uint8_t tag = ByteAt(start);
-    if (tag <= kLastScalarTag) {
-      Scalar value;
-      if (!TakeValue(value)) return false;
-      sink_.OnPositional(start, value);
-      return TakeStamp();
-    }
+    const std::uint8_t tag = ByteAt(position_);
+    if (tag <= kLastScalarTag) return TakePositional();
     switch (static_cast<WireTag>(tag)) {
       case WireTag::kKeyValue:
         return TakePair();
@@ -109,6 +107,14 @@ class Decoder {
       default:
         return false;
     }
+  }
+
+  bool TakePositional() {
+    const std::uint64_t start = position_;
+    Scalar value;
+    if (!TakeValue(value)) return false;
+    sink_.OnPositional(start, value);
+    return TakeStamp();
   }
 
   bool TakePair() {

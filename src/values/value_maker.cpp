@@ -66,7 +66,6 @@ class Maker {
   void OnListMapEnd() { Finish(); }
 
   void OnKey(std::string_view) {}
-  void OnKeyed(std::uint64_t, std::string_view, const Scalar&) {}
 
  private:
   void Finish() {

@@ -188,6 +188,42 @@ TEST(ParamsValues, OfACopyNeedNoBorrowedBytes) {
   ExpectFilled(copy);
 }
 
+TEST(ParamsValues, AreNoneOfBorrowedBytesThatAreNone) {
+  MIVOParams params;
+  params.AddInt(1);
+  ASSERT_TRUE(params.ToParams());
+  EXPECT_TRUE(ParamsBytes::DecodeBorrowed(params, std::string_view()));
+  EXPECT_EQ(params.Size(), 0);
+  EXPECT_EQ(params.ParamsSize(), 0);
+}
+
+// Its holder is to find the bytes there.
+TEST(ParamsValues, AreCopiedFromBorrowedBytesWhereTheBufferIsShown) {
+  std::string bytes = FilledEncoding();
+  MIVOParams params;
+  const std::string* const buffer = params.GetParamas();
+  ASSERT_TRUE(ParamsBytes::DecodeBorrowed(params, bytes));
+  EXPECT_EQ(*buffer, bytes);
+  bytes.assign(bytes.size(), '\xEE');
+  ExpectFilled(params);
+  EXPECT_EQ(ParamsBytes::Take(params), FilledEncoding());
+  EXPECT_TRUE(buffer->empty());
+}
+
+// What is added may be the set's own bytes, which move as the buffer grows.
+TEST(ParamsValues, OfASetsOwnBytesAreWhatTheyWere) {
+  MIVOParams params;
+  for (int round = 0; round < 14; ++round) {
+    const std::string before(ParamsBytes::Of(params));
+    const std::string key = "k" + std::to_string(round);
+    params.AddStream(params.GetParamasPtr(), params.GetParamasSize());
+    params.AddKeyValueStream(key.c_str(), params.GetParamasPtr(), static_cast<long>(before.size()));
+    ASSERT_TRUE(params.ToParams());
+    ASSERT_EQ(TextOf(params.GetValue(round)), before);
+    ASSERT_EQ(TextOf(params.GetMap(key.c_str())), before);
+  }
+}
+
 // As a server's notice may be read by whoever gets it.
 TEST(ParamsValues, CanBeReadAndCopiedByManyThreadsAtOnce) {
   for (int round = 0; round < 20; ++round) {
