@@ -71,8 +71,8 @@ void PrintHeading(std::ostream& out, const char* name, int count) {
 
 }  // namespace
 
-// The text is made in a stream of its own, in the default format, whatever format or locale the host program has set for
-// its output; that belongs to the program and is not touched.
+// The text is made in a stream of its own, in the default format, whatever format or locale the host program has set
+// for its output; that belongs to the program and is not touched.
 void MIVOParams::print() {
   std::ostringstream out;
   out.imbue(std::locale::classic());

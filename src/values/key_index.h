@@ -1,5 +1,5 @@
-// The keys of a decoded set, in the order of their first appearance. They stay in the set's bytes, which every operation
-// is given; the index holds where.
+// The keys of a decoded set, in the order of their first appearance. They stay in the set's bytes, which every
+// operation is given; the index holds where.
 //
 // Keys are the peer's choice. Whoever could foresee where they fall in the table could make every look-up walk it all:
 // the hash depends on a number that this process has drawn.
