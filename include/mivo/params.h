@@ -8,6 +8,12 @@
 #include <string>
 #include <vector>
 
+namespace mivo {
+class EncodingBuffer;
+class ParamsBytes;
+class ReadFace;
+}  // namespace mivo
+
 // The arguments or the reply of a call. A set has two faces that are kept apart: the add operations write an encoding
 // into a buffer, and that is what is sent; the getters show what was decoded, by Parser from received bytes or by
 // ToParams from the set's own buffer. A set that was built with add operations shows nothing until ToParams; adding to
@@ -16,13 +22,13 @@
 // Threads: none of its own. One object is used by one thread at a time; the const operations may run side by side.
 // Ownership: the set owns its buffer and every decoded value. Pointers from GetValue and GetMap hold until Clear, the
 // next decoding, or the end of the set. Units: all sizes and lengths are bytes. Texts are bytes without an encoding of
-// their own. Errors: decoding returns false at the first fault; otherwise only std::bad_alloc when memory runs out, and
+// their own. A value's object is made when it is first asked for. Errors: decoding returns false at the first fault; otherwise only std::bad_alloc when memory runs out, and
 // an add operation that throws it has added nothing. Keys and C strings that are added must not be null.
 class MIVO_EXPORT MIVOParams {
  public:
   MIVOParams();
-  // The buffer is copied, the decoded values are shared: of a decoded set and its copy only one may be cleared, decoded
-  // again or destroyed. Copy before decoding, and both are independent.
+  // The buffer is copied, the decoded values are shared: what is done to one of them is seen in both sets, and they hold
+  // until neither set shows them. Copy before decoding, and both are independent.
   MIVOParams(const MIVOParams& source);
   MIVOParams& operator=(const MIVOParams&) = delete;
   ~MIVOParams();
@@ -51,7 +57,8 @@ class MIVO_EXPORT MIVOParams {
   // Encodes the list as one positional value. Takes `list` and destroys it; the pointer is dangling afterwards.
   void AddList(ListParams* list);
 
-  // The live buffer, never null. Bytes moved into it are adopted by ToParams without a copy.
+  // The live buffer, never null; the same until the end of the set. What was decoded stays as it is, whatever is done to
+  // the buffer.
   std::string* GetParamas();
   // The buffer's first byte; holds until the buffer changes.
   const char* GetParamasPtr() const;
@@ -88,12 +95,14 @@ class MIVO_EXPORT MIVOParams {
   void print();
 
  private:
+  friend class mivo::ParamsBytes;
   bool buffer_taken_;
-  std::string* buffer_;
-  std::vector<MIVOValue*>* values_;
-  std::map<std::string, MIVOValue*>* keyed_values_;
-  // Keys and values belong to keyed_values_.
-  std::map<const char*, MIVOValue*>* keyed_values_by_pointer_;
+  // Each is made when it is first needed.
+  mivo::EncodingBuffer* buffer_;
+  mivo::ReadFace* read_face_;
+  // What GetMapPtr shows; its keys lie one behind the other in key_texts_.
+  std::map<const char*, MIVOValue*>* values_by_key_;
+  char* key_texts_;
 };
 
 #endif  // MIVO_PARAMS_H_

@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <initializer_list>
 #include <string>
 #include <string_view>
 
@@ -20,6 +21,8 @@ inline constexpr std::size_t kIntRecordSize = 9;
 inline constexpr std::size_t kBoolRecordSize = 6;
 inline constexpr std::size_t kDoubleRecordSize = 13;
 inline constexpr std::size_t kListHeaderSize = 5;  // the elements follow
+inline constexpr std::size_t kTextHeadSize = 5;    // of a string or stream: what stands before its bytes
+inline constexpr std::size_t kStampSize = 4;       // the last bytes of a scalar's record
 constexpr std::size_t StringRecordSize(std::size_t length) {
   return 9 + length;
 }
@@ -32,7 +35,8 @@ constexpr std::size_t KeySize(std::size_t key_length) {
 }
 
 // Makes room for `size` more bytes in one step, growing geometrically; std::string::reserve promises no such growth.
-void ReserveMore(std::string& out, std::size_t size);
+// Views among `sources` that show `out` are made to show it where it goes.
+void ReserveMore(std::string& out, std::size_t size, std::initializer_list<std::string_view*> sources = {});
 
 void AppendInt(std::string& out, std::int32_t value);
 void AppendBool(std::string& out, bool value);

@@ -2,16 +2,15 @@
 #ifndef MIVO_VALUES_ENCODING_H_
 #define MIVO_VALUES_ENCODING_H_
 
-#include <mivo/params.h>
-
 #include <string_view>
+
+#include "values/params_bytes.h"
 
 namespace mivo {
 
 // A set's encoding at its true size; what Size says ends at INT_MAX.
 inline std::string_view EncodingOf(const MIVOParams& params) {
-  // GetParamas is for those who change the buffer, and itself changes nothing.
-  return *const_cast<MIVOParams&>(params).GetParamas();
+  return ParamsBytes::Of(params);
 }
 
 }  // namespace mivo

@@ -2,16 +2,24 @@
 
 #include <algorithm>
 #include <climits>
+#include <initializer_list>
 #include <memory>
 #include <string_view>
+#include <utility>
 
-#include "values/decoder.h"
 #include "values/encoder.h"
+#include "values/encoding_buffer.h"
+#include "values/params_bytes.h"
+#include "values/read_face.h"
+#include "values/record_writer.h"
 
 namespace {
 
-using mivo::DecodeSink;
-using mivo::Scalar;
+using mivo::EncodingBuffer;
+using mivo::KeySize;
+using mivo::ParamsBytes;
+using mivo::ReadFace;
+using mivo::StringRecordSize;
 using mivo::WireTag;
 
 // A negative count is a caller's mistake that must not become a huge one.
@@ -19,83 +27,87 @@ std::string_view Bytes(const char* bytes, long length) {
   return length > 0 ? std::string_view(bytes, static_cast<std::size_t>(length)) : std::string_view();
 }
 
-std::unique_ptr<MIVOValue> NewValue(const Scalar& scalar) {
-  switch (scalar.tag) {
-    case WireTag::kInt:
-      return std::make_unique<MIVOValue>(static_cast<int>(scalar.integer));
-    case WireTag::kBool:
-      return std::make_unique<MIVOValue>(scalar.boolean);
-    case WireTag::kDouble:
-      return std::make_unique<MIVOValue>(scalar.real);
-    default:
-      return std::make_unique<MIVOValue>(scalar.bytes.data(), static_cast<long>(scalar.bytes.size()),
-                                         scalar.tag == WireTag::kString ? MIVOValue::String : MIVOValue::Stream);
+// From here on a text is copied in one go; below, what it costs to have room beforehand is less than that.
+constexpr std::size_t kLongText = 4096;
+
+// Appends `size` bytes that `put` writes, given where they go, where in the encoding that is, and the views. All the
+// room they need is there before the first byte of them: the encoding never ends in half a record. The views may show
+// the encoding itself.
+//
+// Two steps, because nearly always there is room.
+template <class Put, class... Views>
+[[gnu::noinline]] void AppendWithoutRoom(EncodingBuffer*& made_buffer, ReadFace* read_face, std::size_t size, Put put,
+                                         Views... views) {
+  if (made_buffer == nullptr) made_buffer = EncodingBuffer::New();
+  EncodingBuffer& buffer = *made_buffer;
+  if (buffer.is_shown()) {
+    std::string& text = buffer.Text();
+    mivo::ReserveMore(text, size, {&views...});
+    const std::size_t end = text.size();
+    text.resize(end + size);
+    put(text.data() + end, end, views...);
+    return;
   }
+  std::string before;
+  buffer.Reserve(size, {&views...}, before);
+  buffer.Open(size);
+  char* const at = buffer.Room(size);
+  put(at, buffer.end(), views...);
+  buffer.Wrote(at, buffer.end(), size);
+  if (!before.empty() && read_face != nullptr) read_face->TakeBuffer(std::move(before));
 }
 
-void AppendOwned(std::vector<MIVOValue*>& values, std::unique_ptr<MIVOValue> value) {
-  values.push_back(value.get());
-  value.release();
+template <class Put, class... Views>
+void Append(EncodingBuffer*& made_buffer, ReadFace* read_face, std::size_t size, Put put, Views... views) {
+  EncodingBuffer* const buffer = made_buffer;
+  char* const at = buffer == nullptr ? nullptr : buffer->Room(size);
+  if (at == nullptr) return AppendWithoutRoom(made_buffer, read_face, size, put, views...);
+  // Kept here: for the compiler, the bytes that are written might be the buffer's own members.
+  const std::size_t end = buffer->end();
+  put(at, end, views...);
+  buffer->Wrote(at, end, size);
 }
 
-// Fills the read face of a set.
-class ReadFace final : public DecodeSink {
- public:
-  ReadFace(std::vector<MIVOValue*>& values, std::map<std::string, MIVOValue*>& keyed_values)
-      : values_(values), keyed_values_(keyed_values), entry_(keyed_values.end()) {}
+// `head` is what stands before a long text's bytes.
+void AppendLong(EncodingBuffer& buffer, ReadFace* read_face, std::string_view head, std::string_view bytes) {
+  std::string before;
+  buffer.Reserve(head.size() + bytes.size() + mivo::kStampSize, {&bytes}, before);
+  buffer.Append(head);
+  buffer.Append(bytes);
+  char stamp[mivo::kStampSize];
+  mivo::PutU32(stamp, static_cast<std::uint32_t>(buffer.end()));
+  buffer.Append(std::string_view(stamp, sizeof stamp));
+  if (!before.empty() && read_face != nullptr) read_face->TakeBuffer(std::move(before));
+}
 
-  void OnPositional(const Scalar& value) override { AppendOwned(values_, NewValue(value)); }
+bool IsLong(const EncodingBuffer* buffer, std::string_view bytes) {
+  return bytes.size() >= kLongText && buffer != nullptr && !buffer->is_shown();
+}
 
-  void OnKey(std::string_view key) override {
-    key_.assign(key);
-    entry_ = keyed_values_.lower_bound(key_);
-    entry_exists_ = entry_ != keyed_values_.end() && entry_->first == key_;
-    if (!entry_exists_) return;
-    delete entry_->second;
-    entry_->second = nullptr;
+void AppendText(EncodingBuffer*& buffer, ReadFace* read_face, WireTag tag, std::string_view text) {
+  if (IsLong(buffer, text)) {
+    char head[mivo::kTextHeadSize];
+    mivo::PutTextHead(head, tag, text.size());
+    return AppendLong(*buffer, read_face, std::string_view(head, sizeof head), text);
   }
+  Append(
+      buffer, read_face, StringRecordSize(text.size()),
+      [tag](char* at, std::size_t offset, std::string_view bytes) { mivo::PutText(at, offset, tag, bytes); }, text);
+}
 
-  void OnKeyed(std::string_view, const Scalar& scalar) override {
-    std::unique_ptr<MIVOValue> value = NewValue(scalar);
-    if (!entry_exists_) entry_ = keyed_values_.emplace_hint(entry_, key_, nullptr);
-    entry_->second = value.release();
+void AppendKeyAndText(EncodingBuffer*& buffer, ReadFace* read_face, std::string_view name, WireTag tag,
+                      std::string_view text) {
+  if (IsLong(buffer, text)) {
+    std::string head(KeySize(name.size()) + mivo::kTextHeadSize, '\0');
+    mivo::PutTextHead(mivo::PutKey(head.data(), buffer->view().size(), name), tag, text.size());
+    return AppendLong(*buffer, read_face, head, text);
   }
-
-  void OnListBegin() override { unfinished_ = std::make_unique<MIVOValue>(MIVOValue::List); }
-  void OnListElement(const Scalar& value) override { AppendOwned(unfinished_->list, NewValue(value)); }
-  void OnListEnd() override { AppendOwned(values_, std::move(unfinished_)); }
-
-  void OnListMapBegin() override { unfinished_ = std::make_unique<MIVOValue>(MIVOValue::ListMap); }
-  // Nobody else has seen the list map yet, so a replaced element is not shared and goes.
-  void OnListMapEntry(std::string_view key, const Scalar& scalar) override {
-    std::unique_ptr<MIVOValue> value = NewValue(scalar);
-    MIVOValue*& entry = unfinished_->listMap[std::string(key)];
-    delete entry;
-    entry = value.release();
-  }
-  void OnListMapEnd() override { AppendOwned(values_, std::move(unfinished_)); }
-
- private:
-  std::vector<MIVOValue*>& values_;
-  std::map<std::string, MIVOValue*>& keyed_values_;
-
-  // The key named last and its place among the top-level entries.
-  std::string key_;
-  std::map<std::string, MIVOValue*>::iterator entry_;
-  bool entry_exists_ = false;
-
-  std::unique_ptr<MIVOValue> unfinished_;  // goes with the sink when a fault cuts its list
-};
-
-void ClearReadFace(std::vector<MIVOValue*>& values, std::map<std::string, MIVOValue*>& keyed_values,
-                   std::map<const char*, MIVOValue*>& keyed_values_by_pointer) {
-  for (MIVOValue* value : values)
-    delete value;
-  std::vector<MIVOValue*>().swap(values);
-  keyed_values_by_pointer.clear();
-  for (const auto& entry : keyed_values)
-    delete entry.second;
-  keyed_values.clear();
+  Append(
+      buffer, read_face, KeySize(name.size()) + StringRecordSize(text.size()),
+      [tag](char* at, std::size_t offset, std::string_view key, std::string_view bytes) {
+        mivo::PutText(mivo::PutKey(at, offset, key), offset + KeySize(key.size()), tag, bytes);
+      },
+      name, text);
 }
 
 std::string_view TextUpToNul(const MIVOValue& value) {
@@ -118,89 +130,99 @@ std::size_t RecordSize(const MIVOValue& element) {
 }
 
 // An element of another type is counted in the list's header and not written.
-void AppendElement(std::string& out, const MIVOValue& element) {
-  if (element.IsBool()) return mivo::AppendBool(out, element.GetBool());
-  if (element.IsInt()) return mivo::AppendInt(out, element.GetInt());
-  if (element.IsDouble()) return mivo::AppendDouble(out, element.GetDouble());
-  if (element.IsString()) return mivo::AppendString(out, TextUpToNul(element));
-  if (element.IsStream()) return mivo::AppendStream(out, WholeText(element));
+char* PutElement(char* at, std::size_t offset, const MIVOValue& element) {
+  if (element.IsBool()) return mivo::PutBool(at, offset, element.GetBool());
+  if (element.IsInt()) return mivo::PutInt(at, offset, element.GetInt());
+  if (element.IsDouble()) return mivo::PutDouble(at, offset, element.GetDouble());
+  if (element.IsString()) return mivo::PutText(at, offset, WireTag::kString, TextUpToNul(element));
+  if (element.IsStream()) return mivo::PutText(at, offset, WireTag::kStream, WholeText(element));
+  return at;
 }
 
 }  // namespace
 
-MIVOParams::MIVOParams() : buffer_taken_(false) {
-  auto buffer = std::make_unique<std::string>();
-  auto values = std::make_unique<std::vector<MIVOValue*>>();
-  auto keyed_values = std::make_unique<std::map<std::string, MIVOValue*>>();
-  auto keyed_values_by_pointer = std::make_unique<std::map<const char*, MIVOValue*>>();
-  buffer_ = buffer.release();
-  values_ = values.release();
-  keyed_values_ = keyed_values.release();
-  keyed_values_by_pointer_ = keyed_values_by_pointer.release();
-}
+MIVOParams::MIVOParams()
+    : buffer_taken_(false), buffer_(nullptr), read_face_(nullptr), values_by_key_(nullptr), key_texts_(nullptr) {}
 
-MIVOParams::MIVOParams(const MIVOParams& source) : buffer_taken_(false) {
-  auto buffer = std::make_unique<std::string>(*source.buffer_);
-  auto values = std::make_unique<std::vector<MIVOValue*>>(*source.values_);
-  auto keyed_values = std::make_unique<std::map<std::string, MIVOValue*>>(*source.keyed_values_);
-  auto keyed_values_by_pointer = std::make_unique<std::map<const char*, MIVOValue*>>();
-  buffer_ = buffer.release();
-  values_ = values.release();
-  keyed_values_ = keyed_values.release();
-  keyed_values_by_pointer_ = keyed_values_by_pointer.release();
+MIVOParams::MIVOParams(const MIVOParams& source) : MIVOParams() {
+  const std::string_view encoding = ParamsBytes::Of(source);
+  if (!encoding.empty()) ParamsBytes::Buffer(*this).Assign(encoding);
+  if (source.read_face_ == nullptr) return;
+  source.read_face_->BeforeItIsShared();
+  source.read_face_->AddReference();
+  read_face_ = source.read_face_;
 }
 
 MIVOParams::~MIVOParams() {
-  Clear();
-  delete buffer_;
-  delete values_;
-  delete keyed_values_;
-  delete keyed_values_by_pointer_;
+  ParamsBytes::DropReadFace(*this);
+  EncodingBuffer::Delete(buffer_);
+  delete values_by_key_;
 }
 
 void MIVOParams::Clear() {
-  buffer_->clear();
-  ClearReadFace(*values_, *keyed_values_, *keyed_values_by_pointer_);
+  ParamsBytes::DropReadFace(*this);
+  if (buffer_ != nullptr) buffer_->Clear();
 }
 
 void MIVOParams::AddInt(int value) {
-  mivo::AppendInt(*buffer_, value);
+  Append(buffer_, read_face_, mivo::kIntRecordSize,
+         [value](char* at, std::size_t offset) { mivo::PutInt(at, offset, value); });
 }
 
 void MIVOParams::AddBool(bool value) {
-  mivo::AppendBool(*buffer_, value);
+  Append(buffer_, read_face_, mivo::kBoolRecordSize,
+         [value](char* at, std::size_t offset) { mivo::PutBool(at, offset, value); });
 }
 
 void MIVOParams::AddDouble(double value) {
-  mivo::AppendDouble(*buffer_, value);
+  Append(buffer_, read_face_, mivo::kDoubleRecordSize,
+         [value](char* at, std::size_t offset) { mivo::PutDouble(at, offset, value); });
 }
 
 void MIVOParams::AddString(const char* text) {
-  mivo::AppendString(*buffer_, text);
+  AppendText(buffer_, read_face_, WireTag::kString, text);
 }
 
 void MIVOParams::AddStream(const char* bytes, long length) {
-  mivo::AppendStream(*buffer_, Bytes(bytes, length));
+  AppendText(buffer_, read_face_, WireTag::kStream, Bytes(bytes, length));
 }
 
 void MIVOParams::AddKeyValueInt(const char* key, int value) {
-  mivo::AppendKeyValueInt(*buffer_, key, value);
+  const std::string_view name = key;
+  Append(
+      buffer_, read_face_, KeySize(name.size()) + mivo::kIntRecordSize,
+      [value](char* at, std::size_t offset, std::string_view text) {
+        mivo::PutInt(mivo::PutKey(at, offset, text), offset + KeySize(text.size()), value);
+      },
+      name);
 }
 
 void MIVOParams::AddKeyValueBool(const char* key, bool value) {
-  mivo::AppendKeyValueBool(*buffer_, key, value);
+  const std::string_view name = key;
+  Append(
+      buffer_, read_face_, KeySize(name.size()) + mivo::kBoolRecordSize,
+      [value](char* at, std::size_t offset, std::string_view text) {
+        mivo::PutBool(mivo::PutKey(at, offset, text), offset + KeySize(text.size()), value);
+      },
+      name);
 }
 
 void MIVOParams::AddKeyValueDouble(const char* key, double value) {
-  mivo::AppendKeyValueDouble(*buffer_, key, value);
+  const std::string_view name = key;
+  Append(
+      buffer_, read_face_, KeySize(name.size()) + mivo::kDoubleRecordSize,
+      [value](char* at, std::size_t offset, std::string_view text) {
+        mivo::PutDouble(mivo::PutKey(at, offset, text), offset + KeySize(text.size()), value);
+      },
+      name);
 }
 
 void MIVOParams::AddKeyValueString(const char* key, const char* text) {
-  mivo::AppendKeyValueString(*buffer_, key, text);
+  AppendKeyAndText(buffer_, read_face_, key, WireTag::kString, text);
 }
 
 void MIVOParams::AddKeyValueStream(const char* key, const char* bytes, long length) {
-  mivo::AppendKeyValueStream(*buffer_, key, Bytes(bytes, length));
+  AppendKeyAndText(buffer_, read_face_, key, WireTag::kStream, Bytes(bytes, length));
 }
 
 ListParams* MIVOParams::CreateListParams() {
@@ -209,25 +231,30 @@ ListParams* MIVOParams::CreateListParams() {
 
 void MIVOParams::AddList(ListParams* list) {
   const std::unique_ptr<ListParams> owned(list);
+  const std::vector<MIVOValue*>& elements = owned->elements_;
   std::size_t size = mivo::kListHeaderSize;
-  for (const MIVOValue* element : owned->elements_)
+  for (const MIVOValue* element : elements)
     size += RecordSize(*element);
-  mivo::ReserveMore(*buffer_, size);
-  mivo::AppendListHeader(*buffer_, static_cast<std::uint32_t>(owned->elements_.size()));
-  for (const MIVOValue* element : owned->elements_)
-    AppendElement(*buffer_, *element);
+  Append(buffer_, read_face_, size, [&](char* at, std::size_t offset) {
+    const char* const start = at;
+    at = mivo::PutListHeader(at, static_cast<std::uint32_t>(elements.size()));
+    for (const MIVOValue* element : elements)
+      at = PutElement(at, offset + static_cast<std::size_t>(at - start), *element);
+  });
 }
 
 std::string* MIVOParams::GetParamas() {
-  return buffer_;
+  EncodingBuffer& buffer = ParamsBytes::Buffer(*this);
+  if (read_face_ != nullptr && !buffer.is_shown()) read_face_->BeforeTheBufferChanges();
+  return &buffer.Text();
 }
 
 const char* MIVOParams::GetParamasPtr() const {
-  return buffer_->data();
+  return buffer_ == nullptr ? "" : buffer_->view().data();
 }
 
 int MIVOParams::GetParamasSize() const {
-  return static_cast<int>(std::min<std::size_t>(buffer_->size(), INT_MAX));
+  return static_cast<int>(std::min<std::size_t>(ParamsBytes::Of(*this).size(), INT_MAX));
 }
 
 int MIVOParams::Size() const {
@@ -243,40 +270,51 @@ bool MIVOParams::IsGetBuffer() const {
 }
 
 int MIVOParams::ParamsSize() const {
-  return static_cast<int>(values_->size());
+  return read_face_ == nullptr ? 0 : static_cast<int>(read_face_->positional_count());
 }
 
 int MIVOParams::MapSize() const {
-  return static_cast<int>(keyed_values_->size());
+  return read_face_ == nullptr ? 0 : static_cast<int>(read_face_->keyed_count());
 }
 
 MIVOValue* MIVOParams::GetValue(int index) const {
   if (index < 0 || index >= ParamsSize()) return nullptr;
-  return (*values_)[static_cast<std::size_t>(index)];
+  return read_face_->Positional(static_cast<std::uint32_t>(index));
 }
 
 MIVOValue* MIVOParams::GetMap(const char* key) const {
-  if (key == nullptr) return nullptr;
-  const auto entry = keyed_values_->find(key);
-  return entry == keyed_values_->end() ? nullptr : entry->second;
+  return key == nullptr || read_face_ == nullptr ? nullptr : read_face_->Find(key);
 }
 
 std::map<const char*, MIVOValue*>* MIVOParams::GetMapPtr() {
-  if (keyed_values_by_pointer_->empty()) {
-    for (const auto& entry : *keyed_values_)
-      keyed_values_by_pointer_->emplace(entry.first.c_str(), entry.second);
+  if (values_by_key_ == nullptr) values_by_key_ = new std::map<const char*, MIVOValue*>;
+  if (!values_by_key_->empty() || MapSize() == 0) return values_by_key_;
+  const std::uint32_t count = read_face_->keyed_count();
+  const bool has_texts = key_texts_ != nullptr;
+  if (!has_texts) {
+    std::size_t size = 0;
+    for (std::uint32_t number = 0; number < count; ++number)
+      size += read_face_->Key(number).size() + 1;
+    key_texts_ = new char[size];
   }
-  return keyed_values_by_pointer_;
+  char* text = key_texts_;
+  for (std::uint32_t number = 0; number < count; ++number) {
+    const std::string_view key = read_face_->Key(number);
+    // The application may still have the pointers of an earlier time, and change what they show.
+    if (!has_texts) *mivo::PutBytes(text, key) = '\0';
+    values_by_key_->emplace(text, read_face_->Keyed(number));
+    text += key.size() + 1;
+  }
+  return values_by_key_;
 }
 
 // The copy comes first: the input may be this set's own buffer, or a stream among the values about to be destroyed.
 bool MIVOParams::Parser(const char* bytes, int length) {
-  buffer_->assign(Bytes(bytes, length));
+  const std::string_view input = Bytes(bytes, length);
+  if (!input.empty() || buffer_ != nullptr) ParamsBytes::Buffer(*this).Assign(input);
   return ToParams();
 }
 
 bool MIVOParams::ToParams() {
-  ClearReadFace(*values_, *keyed_values_, *keyed_values_by_pointer_);
-  ReadFace read_face(*values_, *keyed_values_);
-  return mivo::Decode(*buffer_, read_face);
+  return ParamsBytes::DecodeBuffer(*this);
 }

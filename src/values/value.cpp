@@ -5,6 +5,8 @@
 #include <stdexcept>
 #include <utility>
 
+#include "values/thread_stock.h"
+
 namespace {
 
 // The field is public and may hold a number that is no enumerator; an int of it can be read all the same.
@@ -15,9 +17,23 @@ int NumberOf(const MIVOValue::Type& type) {
   return number;
 }
 
+constexpr std::size_t kLongestSpare = 64;
+using SpareTexts = mivo::ThreadStock<std::string, 128>;
+
 std::string* NewText(const char* bytes, long length) {
   if (bytes == nullptr && length != 0) throw std::logic_error("basic_string::_S_construct null not valid");
-  return length > 0 ? new std::string(bytes, static_cast<std::size_t>(length)) : new std::string();
+  const std::size_t size = length > 0 ? static_cast<std::size_t>(length) : 0;
+  if (size <= kLongestSpare) {
+    if (std::unique_ptr<std::string> spare{SpareTexts::Take()}) {
+      spare->assign(bytes, size);
+      return spare.release();
+    }
+  }
+  return new std::string(bytes, size);
+}
+
+void DeleteText(std::string* text) {
+  if (text == nullptr || text->capacity() > kLongestSpare || !SpareTexts::Give(text)) delete text;
 }
 
 template <typename... Arguments>
@@ -103,15 +119,16 @@ MIVOValue& MIVOValue::operator=(const MIVOValue& source) {
   return *this;
 }
 
+// Numbers own nothing, and most values are numbers.
 MIVOValue::~MIVOValue() {
-  clear();
+  if (NumberOf(type) >= String) clear();
 }
 
 void MIVOValue::clear() {
   switch (NumberOf(type)) {
     case String:
     case Stream:
-      delete data.text;
+      DeleteText(data.text);
       break;
     case List:
       for (MIVOValue* element : list)

@@ -6,8 +6,12 @@
 #include <cstdio>
 #include <iomanip>
 #include <iostream>
+#include <locale>
+#include <map>
 #include <sstream>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "support/golden.h"
 
@@ -232,6 +236,54 @@ TEST(Dump, UsesTheDefaultFormatAndGivesTheProgramsFormatBack) {
   EXPECT_EQ(std::cout.precision(), 2);
   std::cout.flags(flags);
   std::cout.precision(precision);
+}
+
+TEST(Dump, IsTheSameInALocaleThatGroupsDigits) {
+  struct Grouping : std::numpunct<char> {
+    char do_decimal_point() const override { return ','; }
+    char do_thousands_sep() const override { return '.'; }
+    std::string do_grouping() const override { return "\3"; }
+  };
+  MIVOParams params;
+  params.AddInt(1234567);
+  params.AddDouble(0.5);
+  params.ToParams();
+  const std::locale own(std::locale::classic(), new Grouping);
+  const std::locale former = std::cout.imbue(own);
+  const std::locale former_global = std::locale::global(own);
+  EXPECT_EQ(Printed(params), Dump(2, "  int: 1234567\n  double: 0.5\n", 0, ""));
+  std::locale::global(former_global);
+  std::cout.imbue(former);
+}
+
+// Every set is its thread's own; what they share is the output.
+TEST(Dump, IsWholeWhenSeveralThreadsPrint) {
+  constexpr int kThreads = 4;
+  constexpr int kRounds = 50;
+  const CapturedOutput output;
+  std::vector<std::thread> threads;
+  for (int number = 0; number < kThreads; ++number) {
+    threads.emplace_back([number] {
+      MIVOParams params;
+      params.AddInt(number);
+      params.AddKeyValueInt("k", number);
+      params.ToParams();
+      for (int round = 0; round < kRounds; ++round)
+        params.print();
+    });
+  }
+  for (std::thread& thread : threads)
+    thread.join();
+  std::string text = output.text();
+  std::map<std::string, int> dumps;
+  const std::size_t size = Dump(1, "  int: 0\n", 1, "   k - int: 0\n").size();
+  ASSERT_EQ(text.size(), size * kThreads * kRounds);
+  for (; !text.empty(); text.erase(0, size))
+    ++dumps[text.substr(0, size)];
+  for (int number = 0; number < kThreads; ++number) {
+    const std::string digit = std::to_string(number);
+    EXPECT_EQ(dumps[Dump(1, "  int: " + digit + "\n", 1, "   k - int: " + digit + "\n")], kRounds);
+  }
 }
 
 TEST(Dump, ReachesTheProcessesStandardOutputAtOnce) {

@@ -2,7 +2,7 @@
 #include <mivo/params.h>
 
 #include <climits>
-#include <cstring>
+#include <memory>
 #include <set>
 #include <string>
 #include <type_traits>
@@ -306,30 +306,39 @@ TEST(MIVOParams, CopiesTheBufferForGood) {
   EXPECT_EQ(source.Size(), 18);
 }
 
-// A copy of a decoded set must not be destroyed besides its source: it has no way to be detached, so it is let go of
-// with what it does not share freed by hand.
 TEST(MIVOParams, SharesTheDecodedValuesWithItsCopy) {
   MIVOParams source;
   source.AddInt(1);
   source.AddKeyValueInt("k", 2);
   source.ToParams();
   source.GetMapPtr();
-  alignas(MIVOParams) unsigned char room[sizeof(MIVOParams)];
-  auto* const copy = new (room) MIVOParams(source);
-  EXPECT_EQ(copy->ParamsSize(), 1);
-  EXPECT_EQ(copy->GetValue(0), source.GetValue(0));
-  EXPECT_EQ(copy->MapSize(), 1);
-  EXPECT_EQ(copy->GetMap("k"), source.GetMap("k"));
-  ASSERT_EQ(copy->GetMapPtr()->size(), 1u);
-  EXPECT_NE(copy->GetMapPtr()->begin()->first, source.GetMapPtr()->begin()->first);
-  EXPECT_EQ(copy->GetMapPtr()->begin()->second, source.GetMap("k"));
+  MIVOParams copy(source);
+  EXPECT_EQ(copy.ParamsSize(), 1);
+  EXPECT_EQ(copy.GetValue(0), source.GetValue(0));
+  EXPECT_EQ(copy.MapSize(), 1);
+  EXPECT_EQ(copy.GetMap("k"), source.GetMap("k"));
+  ASSERT_EQ(copy.GetMapPtr()->size(), 1u);
+  EXPECT_NE(copy.GetMapPtr()->begin()->first, source.GetMapPtr()->begin()->first);
+  EXPECT_EQ(copy.GetMapPtr()->begin()->second, source.GetMap("k"));
+}
 
-  void* fields[sizeof(MIVOParams) / sizeof(void*)];
-  std::memcpy(fields, room, sizeof(room));
-  delete static_cast<std::string*>(fields[1]);
-  delete static_cast<std::vector<MIVOValue*>*>(fields[2]);
-  delete static_cast<std::map<std::string, MIVOValue*>*>(fields[3]);
-  delete static_cast<std::map<const char*, MIVOValue*>*>(fields[4]);
+TEST(MIVOParams, KeepsTheDecodedValuesWhileACopyShowsThem) {
+  auto source = std::make_unique<MIVOParams>();
+  source->AddString("made before the copy");
+  source->AddString("made after it");
+  source->AddKeyValueString("key", "value");
+  source->ToParams();
+  MIVOValue* const first = source->GetValue(0);
+  const MIVOParams copy(*source);
+  const MIVOParams copy_of_copy(copy);
+  source->Clear();
+  EXPECT_EQ(source->ParamsSize(), 0);
+  EXPECT_EQ(copy.GetValue(0), first);
+  EXPECT_EQ(TextOf(*copy.GetValue(1)), "made after it");
+  source.reset();
+  EXPECT_EQ(TextOf(*first), "made before the copy");
+  EXPECT_EQ(TextOf(*copy_of_copy.GetMap("key")), "value");
+  EXPECT_EQ(copy.GetMap("key"), copy_of_copy.GetMap("key"));
 }
 
 TEST(ParamsOfGigabytes, HaveTheLargestSizeThatAnIntCanSay) {
