@@ -8,7 +8,7 @@
 #include <string>
 #include <utility>
 
-#include "base/shortage.h"
+#include "base/out_of_resources.h"
 
 namespace mivo {
 
@@ -102,7 +102,7 @@ int Listener::StartAccepting() {
 
 void Listener::OnIncoming(int status) {
   // State first: the answer to an error may be a close.
-  if (IsShortage(status)) PauseAccepting();
+  if (IsOutOfResources(status)) PauseAccepting();
   on_incoming_(status);
 }
 
