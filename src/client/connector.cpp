@@ -1,49 +1,81 @@
 #include "client/connector.h"
 
-#include <string>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
 
 #include "transport/print_object.h"
+#include "transport/socket.h"
 
 namespace mivo {
 
-void Connector::Start() {
-  request_.data = this;
-  state_ = State::kConnecting;
-  const int status = endpoint_.kind == Endpoint::kLocal ? StartLocal() : StartTcp();
-  // Then libuv does not call back.
-  if (status < 0) state_ = State::kNotConnected;
-}
+namespace {
 
-int Connector::StartLocal() {
-  const std::string path = SocketPath(endpoint_);
-  if (!FitsSocketAddress(path)) return UV_ENAMETOOLONG;
-  const int opened = connection_.OpenLocal();
-  if (opened < 0) return opened;
-  uv_pipe_connect(&request_, connection_.pipe(), path.c_str(), OnConnected);
-  return 0;
-}
-
-int Connector::StartTcp() {
-  const int opened = connection_.OpenTcp();
-  if (opened < 0) {
-    Report("uv_tcp_init error");
-    return opened;
+// 0, or the negative errno.
+int WaitUntilConnected(int socket) {
+  pollfd wanted{socket, POLLOUT, 0};
+  while (::poll(&wanted, 1, -1) < 0 && errno == EINTR) {
   }
-  // A text that is no address leaves 0.0.0.0, which is this machine.
-  sockaddr_storage address;
-  if (ToSocketAddress(endpoint_, &address) < 0) Report("uv_ip4_addr error");
-  const int status =
-      uv_tcp_connect(&request_, connection_.tcp(), reinterpret_cast<const sockaddr*>(&address), OnConnected);
-  if (status < 0) Report("uv_tcp_connect error");
+  // Not by connecting again: on a socket that was shut down meanwhile, that would be a new attempt.
+  int error = 0;
+  socklen_t size = sizeof error;
+  if (::getsockopt(socket, SOL_SOCKET, SO_ERROR, &error, &size) != 0) return -errno;
+  return -error;
+}
+
+int ConnectTo(const Endpoint& endpoint, const SocketAddress& address, int socket) {
+  if (::connect(socket, address.get(), address.size) == 0) return 0;
+  const int error = errno;
+  if (error == EINPROGRESS) return WaitUntilConnected(socket);
+  // That nobody listens is no failure of the step.
+  if (error != ECONNREFUSED) ReportConnectFailure(endpoint, "uv_tcp_connect error");
+  return -error;
+}
+
+}  // namespace
+
+int Connector::Connect(const Endpoint& endpoint) {
+  SocketAddress address;
+  if (ToSocketAddress(endpoint, &address) < 0) {
+    if (endpoint.kind == Endpoint::kLocal) return -ENAMETOOLONG;
+    // 0.0.0.0 and :: are this machine.
+    ReportConnectFailure(endpoint, "uv_ip4_addr error");
+  }
+  const int socket = OpenSocket(endpoint.kind);
+  if (socket < 0) {
+    ReportConnectFailure(endpoint, "uv_tcp_init error");
+    return socket;
+  }
+  int status = Publish(socket) ? ConnectTo(endpoint, address, socket) : -ECANCELED;
+  // A connection that stands may have been shut down a moment ago.
+  if (!Withdraw()) status = -ECANCELED;
+  if (status >= 0) return socket;
+  ::close(socket);
   return status;
 }
 
-void Connector::OnConnected(uv_connect_t* request, int status) {
-  static_cast<Connector*>(request->data)->state_ = status < 0 ? State::kNotConnected : State::kConnected;
+bool Connector::Publish(int socket) {
+  const MutexLock lock(mutex_);
+  if (!is_closed_) socket_ = socket;
+  return !is_closed_;
 }
 
-void Connector::Report(const char* failure) const {
-  if (endpoint_.kind == Endpoint::kTcp4) PrintDirect("%s\n", failure);
+bool Connector::Withdraw() {
+  const MutexLock lock(mutex_);
+  socket_ = -1;
+  return !is_closed_;
+}
+
+void Connector::Close() {
+  const MutexLock lock(mutex_);
+  is_closed_ = true;
+  if (socket_ >= 0) ::shutdown(socket_, SHUT_RDWR);
+}
+
+void ReportConnectFailure(const Endpoint& endpoint, const char* failure) {
+  if (endpoint.kind == Endpoint::kTcp4) PrintDirect("%s\n", failure);
 }
 
 }  // namespace mivo

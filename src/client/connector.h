@@ -1,42 +1,40 @@
-// Connects a stream to a server.
+// Connects to a server.
 #ifndef MIVO_CLIENT_CONNECTOR_H_
 #define MIVO_CLIENT_CONNECTOR_H_
 
-#include <uv.h>
-
-#include "transport/connection.h"
+#include "base/mutex.h"
 #include "transport/endpoint.h"
 
 namespace mivo {
 
-// Local socket, TCP over IPv4 and over IPv6 differ in here and nowhere else on the client. Loop thread.
+// Local socket, TCP over IPv4 and over IPv6 differ in here and nowhere else on the client.
+//
+// One thread connects, and waits for nothing but its socket. Another one ends that by shutting the socket down under
+// it, which the kernel reports to whoever waits for it.
 class Connector {
  public:
-  enum class State { kNotConnected, kConnecting, kConnected };
-
-  // Both outlive the attempt.
-  Connector(const Endpoint& endpoint, Connection& connection) : endpoint_(endpoint), connection_(connection) {}
+  Connector() = default;
   Connector(const Connector&) = delete;
   Connector& operator=(const Connector&) = delete;
 
-  // Begins the attempt; `state` tells how it goes. Closing the connection ends it.
-  void Start();
+  // Returns once the connection stands, or cannot be had: its descriptor, which does not block and is the caller's; or
+  // the negative errno, -ECANCELED after a Close.
+  int Connect(const Endpoint& endpoint);
 
-  State state() const { return state_; }
-
-  // What fails over IPv4 is said on standard output.
-  void Report(const char* failure) const;
+  // Any thread. Ends the attempt under way, and any later one.
+  void Close();
 
  private:
-  int StartLocal();
-  int StartTcp();
-  static void OnConnected(uv_connect_t* request, int status);
+  bool Publish(int socket);
+  bool Withdraw();
 
-  const Endpoint& endpoint_;
-  Connection& connection_;
-  uv_connect_t request_{};
-  State state_ = State::kNotConnected;
+  Mutex mutex_;
+  bool is_closed_ MIVO_GUARDED_BY(mutex_) = false;
+  int socket_ MIVO_GUARDED_BY(mutex_) = -1;  // while it connects
 };
+
+// What fails over IPv4 is said on standard output.
+void ReportConnectFailure(const Endpoint& endpoint, const char* failure);
 
 }  // namespace mivo
 

@@ -25,8 +25,7 @@ constexpr std::uint64_t kSweepMs = 100;
 Session::Session(const ClientParts& parts, Endpoint endpoint)
     : parts_(parts),
       endpoint_(std::move(endpoint)),
-      connection_(std::make_shared<Connection>(loop_, static_cast<Connection::Owner&>(*this), NextConnectionId())),
-      connector_(endpoint_, *connection_) {}
+      connection_(std::make_shared<Connection>(loop_, static_cast<Connection::Owner&>(*this), NextConnectionId())) {}
 
 Session::~Session() {
   thread_.Join();
@@ -81,6 +80,7 @@ std::optional<std::string> Session::CallLarge(int key, int timeout_ms, const std
 void Session::Close(Handlers handlers) {
   if (handlers == Handlers::kRelease) release_handlers_ = true;
   ending_ = true;
+  connector_.Close();
   // Too early or too late, the wake-up goes nowhere: a loop that is not open yet looks at the wish when it is.
   close_request_.Send();
 }
@@ -126,7 +126,7 @@ void Session::RunThread() {
 
 bool Session::OpenLoop() {
   if (loop_.Open() < 0) {
-    connector_.Report("uv_loop_init error");
+    ReportConnectFailure(endpoint_, "uv_loop_init error");
     return false;
   }
   return close_request_.Open(loop_.uv(), [this] { AsyncClose(); }) == 0;
@@ -134,10 +134,8 @@ bool Session::OpenLoop() {
 
 bool Session::ConnectStream() {
   if (ending_) return false;
-  connector_.Start();
-  loop_.RunUntil([this] { return connector_.state() != Connector::State::kConnecting; });
-  // One turn of the loop may bring the connection and, after it, the close.
-  return connector_.state() == Connector::State::kConnected && !connection_->is_closed();
+  const int descriptor = connector_.Connect(endpoint_);
+  return descriptor >= 0 && connection_->Adopt(descriptor, endpoint_.kind) >= 0;
 }
 
 bool Session::StartServing() {
@@ -150,11 +148,6 @@ bool Session::StartServing() {
 }
 
 void Session::AsyncClose() {
-  // While connecting, ending the stream ends the attempt.
-  if (!is_up_) {
-    connection_->Close();
-    return;
-  }
   parts_.print.Debug("async_closeing Client!\n");
   CloseClient();
   parts_.print.Debug("async_closed Client!\n");

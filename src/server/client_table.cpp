@@ -1,5 +1,7 @@
 #include "server/client_table.h"
 
+#include <unistd.h>
+
 #include <utility>
 
 namespace mivo {
@@ -15,8 +17,8 @@ std::atomic<int> accepted_tcp{0};
 ClientTable::ClientTable(EventLoop& loop, Listener& listener, PrintObject& print, Events events, int (*next_id)())
     : loop_(loop), listener_(listener), print_(print), events_(std::move(events)), next_id_(next_id) {}
 
-void ClientTable::OnIncoming(int status) {
-  if (status < 0) {
+void ClientTable::OnIncoming(int descriptor) {
+  if (descriptor < 0) {
     print_.Error("New client connection error...\n");
     return;
   }
@@ -24,15 +26,16 @@ void ClientTable::OnIncoming(int status) {
   const int id = connection->id();
   events_.connected(id);
   // The notice may have closed the server.
-  if (closed_) return;
-
-  if (listener_.Accept(*connection) < 0) {
-    connection->Close();
+  if (closed_) {
+    ::close(descriptor);
+    return;
+  }
+  if (connection->Adopt(descriptor, listener_.kind()) < 0) {
     print_.Error("Accept error... .\n");
     return;
   }
   clients_[id].connection = connection;
-  if (listener_.is_local()) {
+  if (listener_.kind() == Endpoint::kLocal) {
     print_.Debug("Accept success: %d client id: %d all count: \n", accepted_local++, id);
   } else {
     print_.Debug("Accept success: %d client id: %d all count:%d \n", accepted_tcp++, id,

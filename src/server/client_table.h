@@ -30,8 +30,8 @@ class ClientTable : private Connection::Owner {
   ClientTable(EventLoop& loop, Listener& listener, PrintObject& print, Events events,
               int (*next_id)() = NextConnectionId);
 
-  // A connection waits to be accepted (0), or the listener reports an error.
-  void OnIncoming(int status);
+  // What the listener has accepted, ours from now on; below 0 it reports an error.
+  void OnIncoming(int descriptor);
 
   // Null if no such client is connected.
   std::shared_ptr<Connection> Find(int client_id) const;

@@ -1,14 +1,15 @@
 #include "server/listener.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <string>
 #include <utility>
 
-#include "base/shortage.h"
+#include "base/out_of_resources.h"
+#include "transport/socket.h"
 
 namespace mivo {
 
@@ -16,125 +17,107 @@ namespace {
 
 constexpr int kBacklog = 128;
 constexpr int kPauseMs = 100;
-// Everybody may connect; the file belongs to the machine's first ordinary user.
-constexpr mode_t kSocketMode = 0777;
-constexpr uid_t kSocketUser = 1000;
-constexpr gid_t kSocketGroup = 1000;
+// Those who are connected get their turn as well.
+constexpr int kMostInATurn = 32;
 
-void OpenToEverybody(const std::string& path) {
-  if (::chmod(path.c_str(), kSocketMode) != 0) PrintDirect("chmod failed");
-  if (::chown(path.c_str(), kSocketUser, kSocketGroup) != 0) PrintDirect("chown error");
+int SetOption(int socket, int level, int option, int value) {
+  return ::setsockopt(socket, level, option, &value, sizeof value) == 0 ? 0 : -errno;
 }
 
 }  // namespace
 
-bool Listener::Listen(const Endpoint& endpoint, std::function<void(int status)> on_incoming) {
-  is_local_ = endpoint.kind == Endpoint::kLocal;
+bool Listener::Listen(const Endpoint& endpoint, std::function<void(int descriptor)> on_incoming) {
+  kind_ = endpoint.kind;
   on_incoming_ = std::move(on_incoming);
 
-  const int bound = is_local_ ? BindLocal(endpoint) : BindTcp(endpoint);
-  if (bound < 0) {
-    print_.Debug("Bind error: %s\n", uv_err_name(bound));
+  int status = Bind(endpoint);
+  // Over TCP it is the other socket's doing whether a port in use is met here or when listening: it counts as the
+  // latter.
+  const bool is_port_in_use = status == -EADDRINUSE && kind_ != Endpoint::kLocal;
+  if (status < 0 && !is_port_in_use) {
+    print_.Debug("Bind error: %s\n", uv_err_name(status));
     return false;
   }
-  if (is_local_) OpenToEverybody(SocketPath(endpoint));
-  const int listening = StartAccepting();
-  if (listening < 0) {
-    print_.Debug("Listen error: %s\n", uv_err_name(listening));
+  if (status >= 0) status = StartListening();
+  if (status < 0) {
+    print_.Debug("Listen error: %s\n", uv_err_name(status));
     return false;
   }
   return true;
 }
 
-int Listener::BindLocal(const Endpoint& endpoint) {
-  const std::string path = SocketPath(endpoint);
-  if (!FitsSocketAddress(path)) return UV_ENAMETOOLONG;
-  const int opened = bound_.Open(this, [this](Socket* socket) { return Init(socket); });
-  if (opened < 0) return opened;
-  // A file that an earlier run has left would refuse the name.
-  uv_fs_t unlink_request;
-  uv_fs_unlink(loop_.uv(), &unlink_request, path.c_str(), nullptr);
-  uv_fs_req_cleanup(&unlink_request);
-  return uv_pipe_bind(&bound_.get()->pipe, path.c_str());
+int Listener::Bind(const Endpoint& endpoint) {
+  SocketAddress address;
+  const int status = ToSocketAddress(endpoint, &address);
+  // A host that is no address leaves "every address".
+  if (status < 0 && kind_ == Endpoint::kLocal) return status;
+  socket_ = OpenSocket(kind_);
+  if (socket_ < 0) return socket_;
+
+  if (kind_ == Endpoint::kLocal) {
+    const std::string path = SocketPath(endpoint);
+    SocketFile::MakeRoom(path);
+    // A folder that is missing is told as one that lets nobody in: what users of this text know.
+    if (::bind(socket_, address.get(), address.size) != 0) return errno == ENOENT ? -EACCES : -errno;
+    file_.Own(path);
+    return 0;
+  }
+  // The port of a server that has just ended is free, whatever connections it has left to wear off.
+  int option = SetOption(socket_, SOL_SOCKET, SO_REUSEADDR, 1);
+  // "Every address" includes those of IPv4, whatever the system's default.
+  if (option >= 0 && kind_ == Endpoint::kTcp6) option = SetOption(socket_, IPPROTO_IPV6, IPV6_V6ONLY, 0);
+  if (option < 0) return option;
+  return ::bind(socket_, address.get(), address.size) == 0 ? 0 : -errno;
 }
 
-int Listener::BindTcp(const Endpoint& endpoint) {
-  const int opened = bound_.Open(this, [this](Socket* socket) { return Init(socket); });
-  if (opened < 0) return opened;
-  // A text that is no address leaves "every address".
-  sockaddr_storage address;
-  ToSocketAddress(endpoint, &address);
-  return uv_tcp_bind(&bound_.get()->tcp, reinterpret_cast<const sockaddr*>(&address), 0);
+int Listener::StartListening() {
+  if (::listen(socket_, kBacklog) != 0) return -errno;
+  const int status = poll_.Open(this, [this](uv_poll_t* handle) { return uv_poll_init(loop_.uv(), handle, socket_); });
+  return status < 0 ? status : StartPolling();
 }
 
-int Listener::StartAccepting() {
-  if (!is_local_) {
-    // libuv keeps it to itself that an address is in use until the handle listens that was bound to it.
-    sockaddr_storage address;
-    int size = sizeof address;
-    const int bound = uv_tcp_getsockname(&bound_.get()->tcp, reinterpret_cast<sockaddr*>(&address), &size);
-    if (bound < 0) return bound;
-  }
-  // First, since libuv takes its descriptor in reserve with it, if it has none: the one that is left goes there.
-  int status = accepting_.Open(this, [this](Socket* socket) { return Init(socket); });
-  if (status < 0) return status;
-
-  uv_os_fd_t socket = -1;
-  uv_fileno(reinterpret_cast<const uv_handle_t*>(&bound_.get()->stream), &socket);
-  const int descriptor = ::fcntl(socket, F_DUPFD_CLOEXEC, 0);
-  if (descriptor < 0) {
-    status = uv_translate_sys_error(errno);
-    accepting_.Close();
-    return status;
-  }
-  status =
-      is_local_ ? uv_pipe_open(&accepting_.get()->pipe, descriptor) : uv_tcp_open(&accepting_.get()->tcp, descriptor);
-  if (status < 0) {
-    ::close(descriptor);
-  } else {
-    status = uv_listen(&accepting_.get()->stream, kBacklog, [](uv_stream_t* stream, int incoming) {
-      if (stream->data != nullptr) static_cast<Listener*>(stream->data)->OnIncoming(incoming);
-    });
-  }
-  if (status < 0) accepting_.Close();
-  return status;
+int Listener::StartPolling() {
+  return uv_poll_start(poll_.get(), UV_READABLE, [](uv_poll_t* handle, int, int) {
+    auto* const listener = static_cast<Listener*>(handle->data);
+    if (listener == nullptr) return;
+    const int status = listener->AcceptWaiting();
+    if (IsOutOfResources(status)) listener->Pause(status);
+  });
 }
 
-void Listener::OnIncoming(int status) {
-  // State first: the answer to an error may be a close.
-  if (IsShortage(status)) PauseAccepting();
+int Listener::AcceptWaiting() {
+  // A callee may close.
+  for (int i = 0; i < kMostInATurn && socket_ >= 0; ++i) {
+    const int descriptor = ::accept4(socket_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+    const int status = descriptor >= 0 ? descriptor : -errno;
+    if (status == -EAGAIN || IsOutOfResources(status)) return status;
+    // Gone before their turn came.
+    if (status == -ECONNABORTED || status == -EINTR) continue;
+    on_incoming_(status);
+  }
+  return 0;
+}
+
+void Listener::Pause(int status) {
+  uv_poll_stop(poll_.get());
+  retry_.Start(loop_.uv(), kPauseMs, kPauseMs, [this] { TryToResume(); });
+  // State first: the answer may be a close.
   on_incoming_(status);
 }
 
-void Listener::PauseAccepting() {
-  accepting_.Close();
-  retry_.Start(loop_.uv(), kPauseMs, kPauseMs, [this] {
-    if (StartAccepting() >= 0) retry_.Close();
-  });
+void Listener::TryToResume() {
+  if (IsOutOfResources(AcceptWaiting()) || socket_ < 0) return;
+  retry_.Close();
+  StartPolling();
 }
 
 void Listener::Close() {
   retry_.Close();
-  accepting_.Close();
-  bound_.Close();
-}
-
-int Listener::Init(Socket* socket) {
-  return is_local_ ? uv_pipe_init(loop_.uv(), &socket->pipe, 0) : uv_tcp_init(loop_.uv(), &socket->tcp);
-}
-
-int Listener::Accept(Connection& connection) {
-  int status = is_local_ ? connection.OpenLocal() : connection.OpenTcp();
-  if (status >= 0) status = uv_accept(&accepting_.get()->stream, connection.stream());
-  if (status < 0) DropWaiting();
-  return status;
-}
-
-void Listener::DropWaiting() {
-  // libuv does not look for further connections while one waits to be accepted.
-  Handle<Socket> nobody;
-  nobody.Open(nullptr, [this](Socket* socket) { return Init(socket); });
-  if (nobody) uv_accept(&accepting_.get()->stream, &nobody.get()->stream);
+  poll_.Close();
+  if (socket_ < 0) return;
+  // The file first, while the socket keeps its inode.
+  file_.Remove();
+  ::close(std::exchange(socket_, -1));
 }
 
 }  // namespace mivo

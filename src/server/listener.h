@@ -9,7 +9,7 @@
 #include "loop/event_loop.h"
 #include "loop/handle.h"
 #include "loop/timer.h"
-#include "transport/connection.h"
+#include "server/socket_file.h"
 #include "transport/endpoint.h"
 #include "transport/print_object.h"
 
@@ -17,47 +17,42 @@ namespace mivo {
 
 // Loop thread. Local socket, TCP over IPv4 and over IPv6 differ in here and nowhere else on the server.
 //
-// Two handles share the socket. One has bound it and keeps it: the port, or the file's name, is the server's until it
-// closes. The other accepts. When the process has run out of descriptors that one is closed, which is the only way out
-// of libuv's accepting, and made anew when a while has passed. Whoever connects meanwhile waits in the socket's queue.
+// Without a descriptor or memory for the next connection, it stops looking for a while and tries again then. Whoever
+// connects meanwhile waits in the socket's queue.
 class Listener {
  public:
   Listener(EventLoop& loop, PrintObject& print) : loop_(loop), print_(print) {}
+  ~Listener() { Close(); }
+  Listener(const Listener&) = delete;
+  Listener& operator=(const Listener&) = delete;
 
-  // Binds and listens; what fails is printed. `on_incoming` is called for each connection that can be accepted (0), and
-  // when the socket reports an error (below 0). It may close.
-  bool Listen(const Endpoint& endpoint, std::function<void(int status)> on_incoming);
+  // Binds and listens; what fails is printed, and what was opened is left for Close. `on_incoming` is called with each
+  // connection that was accepted: its descriptor, which does not block and is the callee's from then on. With a
+  // negative errno it is called when the socket reports an error; of a lack of descriptors or memory it hears once, at
+  // its beginning. It may close.
+  bool Listen(const Endpoint& endpoint, std::function<void(int descriptor)> on_incoming);
 
-  // Makes a stream for the connection that waits and accepts into it. Returns libuv's result; after a failure the
-  // connection that waited is gone, and the next one will be reported.
-  int Accept(Connection& connection);
-
+  // Nobody can connect any more, and who waits is turned away. May be repeated.
   void Close();
 
-  bool is_local() const { return is_local_; }
+  Endpoint::Kind kind() const { return kind_; }
 
  private:
-  union Socket {
-    uv_stream_t stream;
-    uv_pipe_t pipe;
-    uv_tcp_t tcp;
-  };
-
-  int BindLocal(const Endpoint& endpoint);
-  int BindTcp(const Endpoint& endpoint);
-  int StartAccepting();
-  void PauseAccepting();
-  void OnIncoming(int status);
-  int Init(Socket* socket);
-  void DropWaiting();
+  int Bind(const Endpoint& endpoint);
+  int StartListening();
+  int StartPolling();
+  int AcceptWaiting();
+  void Pause(int status);
+  void TryToResume();
 
   EventLoop& loop_;
   PrintObject& print_;
-  std::function<void(int status)> on_incoming_;
-  Handle<Socket> bound_;
-  Handle<Socket> accepting_;
+  std::function<void(int descriptor)> on_incoming_;
+  Endpoint::Kind kind_ = Endpoint::kLocal;
+  int socket_ = -1;
+  SocketFile file_;  // of a local socket
+  Handle<uv_poll_t> poll_;
   Timer retry_;  // during a pause
-  bool is_local_ = false;
 };
 
 }  // namespace mivo

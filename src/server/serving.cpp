@@ -48,7 +48,8 @@ bool Serving::Start(const Endpoint& endpoint) {
   const bool is_local = endpoint.kind == Endpoint::kLocal;
   parts_.print.Debug("%s %s port:%s\n", is_local ? "Pipe" : "Tcp", kVersionBanner, endpoint.name.c_str());
 
-  bool started = loop_.Open() == 0 && listener_.Listen(endpoint, [this](int status) { clients_.OnIncoming(status); });
+  bool started =
+      loop_.Open() == 0 && listener_.Listen(endpoint, [this](int descriptor) { clients_.OnIncoming(descriptor); });
   if (started) {
     PublishPort(endpoint.name);
     started = calls_.Open() == 0 && close_request_.Open(loop_.uv(), [this] { CloseHere(); }) == 0;

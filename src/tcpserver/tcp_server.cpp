@@ -15,7 +15,7 @@
 //   loop's turn and has to leave it alone.
 #include <mivo/tcpserver.h>
 
-#include "base/shortage.h"
+#include "base/out_of_resources.h"
 #include "base/sigpipe_guard.h"
 #include "tcpserver/listening_pause.h"
 #include "tcpserver/loop_turn.h"
@@ -151,7 +151,7 @@ void OnConnection(uv_stream_t* listener, int status) {
 
   const int id = CTcpServer::NextClientId();
   if (status < 0) {
-    if (IsShortage(status)) ListeningPause::Begin(server);
+    if (IsOutOfResources(status)) ListeningPause::Begin(server);
     return;
   }
   clientdata* const client = Accept(listener, server, id);

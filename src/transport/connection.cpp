@@ -1,10 +1,23 @@
 #include "transport/connection.h"
 
+#include <unistd.h>
+
 #include <utility>
 
 #include "transport/framed_write.h"
 
 namespace mivo {
+
+int Connection::Adopt(int descriptor, Endpoint::Kind kind) {
+  const bool is_local = kind == Endpoint::kLocal;
+  int status = is_local ? OpenLocal() : OpenTcp();
+  if (status >= 0) {
+    status = is_local ? uv_pipe_open(pipe(), descriptor) : uv_tcp_open(tcp(), descriptor);
+    if (status < 0) stream_.Close();
+  }
+  if (status < 0) ::close(descriptor);
+  return status;
+}
 
 int Connection::OpenLocal() {
   return stream_.Open(this, [this](Stream* stream) { return uv_pipe_init(loop_.uv(), &stream->pipe, 0); });

@@ -10,6 +10,7 @@
 
 #include "loop/event_loop.h"
 #include "loop/handle.h"
+#include "transport/endpoint.h"
 #include "transport/frame.h"
 #include "transport/frame_reassembler.h"
 
@@ -41,7 +42,10 @@ class Connection : public std::enable_shared_from_this<Connection> {
 
   int id() const { return id_; }
 
-  // Makes the handle, for a local socket or for TCP, to be connected or accepted into. Returns libuv's result.
+  // Takes a connected socket, also when it fails, which closes it. Returns libuv's result.
+  int Adopt(int descriptor, Endpoint::Kind kind);
+
+  // Makes the handle, for a local socket or for TCP. Returns libuv's result.
   int OpenLocal();
   int OpenTcp();
   uv_pipe_t* pipe() { return &stream_.get()->pipe; }

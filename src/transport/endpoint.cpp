@@ -1,5 +1,6 @@
 #include "transport/endpoint.h"
 
+#include <netinet/in.h>
 #include <sys/un.h>
 #include <uv.h>
 
@@ -7,25 +8,39 @@
 
 namespace mivo {
 
-std::string SocketPath(const Endpoint& endpoint) {
-  return "/tmp/echo.sock." + endpoint.name;
+namespace {
+
+int ToLocalAddress(const std::string& path, SocketAddress* address) {
+  auto* const local = reinterpret_cast<sockaddr_un*>(&address->storage);
+  // With the zero at its end.
+  if (path.size() >= sizeof local->sun_path) return UV_ENAMETOOLONG;
+  local->sun_family = AF_UNIX;
+  path.copy(local->sun_path, path.size());
+  address->size = sizeof *local;
+  return 0;
 }
 
-bool FitsSocketAddress(const std::string& path) {
-  return path.size() < sizeof(sockaddr_un::sun_path);
+}  // namespace
+
+std::string SocketPath(const Endpoint& endpoint) {
+  return "/tmp/echo.sock." + endpoint.name;
 }
 
 int PortNumber(const std::string& text) {
   return static_cast<int>(std::strtol(text.c_str(), nullptr, 10));
 }
 
-int ToSocketAddress(const Endpoint& endpoint, sockaddr_storage* address) {
+int ToSocketAddress(const Endpoint& endpoint, SocketAddress* address) {
+  *address = SocketAddress{};
+  if (endpoint.kind == Endpoint::kLocal) return ToLocalAddress(SocketPath(endpoint), address);
+
   const int port = PortNumber(endpoint.name);
-  *address = sockaddr_storage{};
   if (endpoint.kind == Endpoint::kTcp4) {
-    return uv_ip4_addr(endpoint.host.c_str(), port, reinterpret_cast<sockaddr_in*>(address));
+    address->size = sizeof(sockaddr_in);
+    return uv_ip4_addr(endpoint.host.c_str(), port, reinterpret_cast<sockaddr_in*>(&address->storage));
   }
-  return uv_ip6_addr(endpoint.host.c_str(), port, reinterpret_cast<sockaddr_in6*>(address));
+  address->size = sizeof(sockaddr_in6);
+  return uv_ip6_addr(endpoint.host.c_str(), port, reinterpret_cast<sockaddr_in6*>(&address->storage));
 }
 
 }  // namespace mivo

@@ -19,16 +19,20 @@ struct Endpoint {
 // "/tmp/echo.sock." and the name.
 std::string SocketPath(const Endpoint& endpoint);
 
-// The kernel takes at most 107 bytes and libuv cuts a longer path without a word, so that two names would share a
-// socket.
-bool FitsSocketAddress(const std::string& path);
-
 // The decimal number that `text` begins with, 0 if none. Out of range it is cut to 32 bits.
 int PortNumber(const std::string& text);
 
-// The TCP address. A host that is no numeric address leaves 0.0.0.0 or ::, with the family and port set; the result is
-// libuv's word on the host.
-int ToSocketAddress(const Endpoint& endpoint, sockaddr_storage* address);
+// An address as the kernel takes it.
+struct SocketAddress {
+  sockaddr_storage storage{};
+  socklen_t size = 0;
+
+  const sockaddr* get() const { return reinterpret_cast<const sockaddr*>(&storage); }
+};
+
+// Below 0 (negative errno) if `endpoint` names none. A path that does not fit gives no address at all: cut, it would be
+// that of another name. A host that is no numeric address leaves 0.0.0.0 or ::, with the family and port set.
+int ToSocketAddress(const Endpoint& endpoint, SocketAddress* address);
 
 }  // namespace mivo
 

@@ -1,6 +1,7 @@
 #include "support/uv_faults.h"
 
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <pthread.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -147,12 +148,6 @@ int uv_pipe_init(uv_loop_t* loop, uv_pipe_t* handle, int ipc) {
   return error != 0 ? error : real(loop, handle, ipc);
 }
 
-int uv_pipe_bind(uv_pipe_t* handle, const char* name) {
-  static const auto real = Real<decltype(&uv_pipe_bind)>("uv_pipe_bind");
-  const int error = ErrorOfThisCall(Fault::kPipeBind);
-  return error != 0 ? error : real(handle, name);
-}
-
 int uv_tcp_init(uv_loop_t* loop, uv_tcp_t* handle) {
   static const auto real = Real<decltype(&uv_tcp_init)>("uv_tcp_init");
   const int error = ErrorOfThisCall(Fault::kTcpInit);
@@ -163,12 +158,6 @@ int uv_tcp_bind(uv_tcp_t* handle, const struct sockaddr* address, unsigned int f
   static const auto real = Real<decltype(&uv_tcp_bind)>("uv_tcp_bind");
   const int error = ErrorOfThisCall(Fault::kTcpBind);
   return error != 0 ? error : real(handle, address, flags);
-}
-
-int uv_tcp_connect(uv_connect_t* request, uv_tcp_t* handle, const struct sockaddr* address, uv_connect_cb callback) {
-  static const auto real = Real<decltype(&uv_tcp_connect)>("uv_tcp_connect");
-  const int error = ErrorOfThisCall(Fault::kTcpConnect);
-  return error != 0 ? error : real(request, handle, address, callback);
 }
 
 int uv_listen(uv_stream_t* stream, int backlog, uv_connection_cb callback) {
@@ -256,10 +245,42 @@ int chmod(const char* path, mode_t mode) noexcept {
   return -1;
 }
 
-int chown(const char* path, uid_t owner, gid_t group) noexcept {
-  static const auto real = Real<int (*)(const char*, uid_t, gid_t)>("chown");
+int fchownat(int directory, const char* path, uid_t owner, gid_t group, int flags) noexcept {
+  static const auto real = Real<decltype(&fchownat)>("fchownat");
   const int error = ErrorOfThisCall(Fault::kChown);
-  if (error == 0) return real(path, owner, group);
+  if (error == 0) return real(directory, path, owner, group, flags);
+  errno = -error;
+  return -1;
+}
+
+int socket(int domain, int type, int protocol) noexcept {
+  static const auto real = Real<decltype(&socket)>("socket");
+  const int error = ErrorOfThisCall(Fault::kSocketCall);
+  if (error == 0) return real(domain, type, protocol);
+  errno = -error;
+  return -1;
+}
+
+int bind(int descriptor, const struct sockaddr* address, socklen_t size) noexcept {
+  static const auto real = Real<decltype(&bind)>("bind");
+  const int error = ErrorOfThisCall(Fault::kBindCall);
+  if (error == 0) return real(descriptor, address, size);
+  errno = -error;
+  return -1;
+}
+
+int listen(int descriptor, int backlog) noexcept {
+  static const auto real = Real<decltype(&listen)>("listen");
+  const int error = ErrorOfThisCall(Fault::kListenCall);
+  if (error == 0) return real(descriptor, backlog);
+  errno = -error;
+  return -1;
+}
+
+int connect(int descriptor, const struct sockaddr* address, socklen_t size) {
+  static const auto real = Real<decltype(&connect)>("connect");
+  const int error = ErrorOfThisCall(Fault::kConnectCall);
+  if (error == 0) return real(descriptor, address, size);
   errno = -error;
   return -1;
 }

@@ -12,10 +12,8 @@ namespace mivo_test {
 enum class Fault {
   kLoopInit,
   kPipeInit,
-  kPipeBind,
   kTcpInit,
   kTcpBind,
-  kTcpConnect,
   kListen,
   kAsyncInit,
   kAccept,  // the connection that was to be accepted is gone, as after a real failure
@@ -26,8 +24,12 @@ enum class Fault {
   kTimerStart,
   kThreadCreate,  // of any thread, libuv's or not
   kChmod,
-  kChown,
-  kAcceptCall,     // accept4, under libuv: what waits goes on waiting
+  kChown,       // fchownat
+  kSocketCall,  // a test's own count as well, here and below
+  kBindCall,
+  kListenCall,
+  kConnectCall,
+  kAcceptCall,     // accept4, libuv's or not: what waits goes on waiting
   kListenerError,  // the connection callback is first called with the error, then as it would have been
   kCount
 };

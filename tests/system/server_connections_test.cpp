@@ -484,10 +484,15 @@ TEST_P(ServerConnections, AnErrorOfTheListenerIsReportedAndNothingElse) {
   ASSERT_TRUE(server.Init());
   Log(server.get(), "", 0);
   StdoutCapture output;
-  ScopedFault fault(Fault::kListenerError, 1, 1, UV_EPROTO);
+  ScopedFault fault(Fault::kAcceptCall, 1, 1, UV_EPROTO);
   EXPECT_TRUE(Served(server).connected());
   EXPECT_EQ(fault.failures(), 1);
   EXPECT_EQ(output.Text(), "New client connection error...\n");
+}
+
+// What makes a stream of the descriptor that was accepted.
+Fault StreamInit(Transport transport) {
+  return transport == Transport::Local ? Fault::kPipeInit : Fault::kTcpInit;
 }
 
 TEST_P(ServerConnections, AFailedAcceptIsReportedAndTheListenerGoesOn) {
@@ -501,7 +506,7 @@ TEST_P(ServerConnections, AFailedAcceptIsReportedAndTheListenerGoesOn) {
   StdoutCapture output;
   const Resources before = CountResources();
   {
-    ScopedFault fault(Fault::kAccept, 1, 3, UV_EMFILE);
+    ScopedFault fault(StreamInit(GetParam()), 1, 3, UV_EMFILE);
     for (int i = 1; i <= 3; ++i) {
       RawPeer refused = server.Connect();
       ASSERT_TRUE(refused.connected());
@@ -525,7 +530,7 @@ TEST_P(ServerConnections, AFailedAcceptTakesNoAcceptNumber) {
   StdoutCapture output;
   RawPeer first = Served(server);
   {
-    ScopedFault fault(Fault::kAccept, 1, 1, UV_EMFILE);
+    ScopedFault fault(StreamInit(GetParam()), 1, 1, UV_EMFILE);
     EXPECT_TRUE(server.Connect().ReadEof());
   }
   RawPeer second = Served(server);
@@ -570,8 +575,6 @@ TEST_P(ServerConnections, RecoversFromAFullDescriptorTable) {
       if (!peer.connected()) break;
       peers.push_back(std::move(peer));
     }
-    // Whether anybody is turned away meanwhile is libuv's luck: without its descriptor in reserve, which another thread
-    // may have taken by now, newcomers wait.
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &usual), 0);
   }
   EXPECT_GE(peers.size(), 3u);

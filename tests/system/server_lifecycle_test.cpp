@@ -16,7 +16,6 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 #include <uv.h>
 
@@ -25,7 +24,6 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <memory>
 #include <set>
 #include <string>
@@ -265,64 +263,6 @@ TEST(ServerNames, AMissingFolderIsABindError) {
   EXPECT_EQ(output.Text(), StartLine(Transport::Local, name) + "Bind error: EACCES\n");
 }
 
-TEST(ServerNames, ReplacesWhateverFileIsThere) {
-  TestServer server(Transport::Local);
-  const std::string path = SocketPath(server.address().name);
-  std::ofstream(path) << "left behind";
-  ASSERT_TRUE(Exists(path));
-  ASSERT_TRUE(server.Init());
-  EXPECT_TRUE(IsSocket(path));
-  EXPECT_TRUE(server.Connect().AnswersInOrder());
-}
-
-TEST(ServerNames, ReplacesTheSocketOfAServerThatDied) {
-  TestServer server(Transport::Local);
-  const std::string path = SocketPath(server.address().name);
-  const int dead = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
-  ASSERT_EQ(bind(dead, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-  close(dead);
-  ASSERT_TRUE(IsSocket(path));
-  ASSERT_TRUE(server.Init());
-  EXPECT_TRUE(server.Connect().AnswersInOrder());
-}
-
-TEST(ServerNames, TheSocketIsOpenToEverybodyWhateverTheUmask) {
-  const mode_t before = umask(077);
-  TestServer server(Transport::Local);
-  const bool listens = server.Init();
-  const mode_t during = umask(before);
-  ASSERT_TRUE(listens);
-  EXPECT_EQ(during, 077u) << "the umask is the program's";
-  struct stat status {};
-  ASSERT_EQ(stat(SocketPath(server.address().name).c_str(), &status), 0);
-  EXPECT_EQ(status.st_mode & 07777, 0777u);
-}
-
-TEST(ServerNames, TheSocketBelongsToUserAndGroupOneThousand) {
-  if (geteuid() != 0) GTEST_SKIP() << "only root may give a file away";
-  TestServer server(Transport::Local);
-  ASSERT_TRUE(server.Init());
-  struct stat status {};
-  ASSERT_EQ(stat(SocketPath(server.address().name).c_str(), &status), 0);
-  EXPECT_EQ(status.st_uid, 1000u);
-  EXPECT_EQ(status.st_gid, 1000u);
-}
-
-TEST(ServerNames, GoesOnWhenTheFileCannotBeOpenedToEverybody) {
-  TestServer server(Transport::Local);
-  StdoutCapture output;
-  ScopedFault chmod_fails(Fault::kChmod, 1, 1, -EPERM);
-  ScopedFault chown_fails(Fault::kChown, 1, 1, -EPERM);
-  ASSERT_TRUE(server.Init());
-  EXPECT_EQ(chmod_fails.failures(), 1);
-  EXPECT_EQ(chown_fails.failures(), 1);
-  EXPECT_EQ(output.Text(), StartLine(Transport::Local, server.address().name) + "chmod failedchown error");
-  EXPECT_TRUE(server.Connect().AnswersInOrder());
-}
-
 TEST(ServerNames, PortZeroIsChosenByTheSystemAndNotReadBack) {
   for (const char* text : {"0", "no number", "", static_cast<const char*>(nullptr)}) {
     Journal published;
@@ -454,7 +394,7 @@ TEST_P(ServerLifecycle, TheNameIsPublishedOnceWhenListeningHasBegun) {
 }
 
 TEST_P(ServerLifecycle, TheNameIsNotPublishedWhenListeningFails) {
-  for (const Fault step : {GetParam() == Transport::Local ? Fault::kPipeBind : Fault::kTcpBind, Fault::kListen}) {
+  for (const Fault step : {Fault::kBindCall, Fault::kListenCall}) {
     Journal published;
     LambdaMethod handler([&](int, MIVOParams*, MIVOParams*) { published.Add("published"); });
     TestServer server(GetParam());
@@ -476,11 +416,11 @@ TEST_P(ServerLifecycle, EveryFailedStepOfAStartLeavesTheServerFitForTheNext) {
     int first;
     const char* line;
   };
-  const Fault bind_step = GetParam() == Transport::Local ? Fault::kPipeBind : Fault::kTcpBind;
   for (const Step& step :
-       {Step{Fault::kLoopInit, 1, ""}, Step{bind_step, 1, "Bind error: EMFILE\n"},
-        Step{Fault::kListen, 1, "Listen error: EMFILE\n"}, Step{Fault::kAsyncInit, 1, ""},
-        Step{Fault::kAsyncInit, 2, ""}, Step{Fault::kAsyncInit, 3, ""}, Step{Fault::kThreadCreate, 1, ""}}) {
+       {Step{Fault::kLoopInit, 1, ""}, Step{Fault::kSocketCall, 1, "Bind error: EMFILE\n"},
+        Step{Fault::kBindCall, 1, "Bind error: EMFILE\n"}, Step{Fault::kListenCall, 1, "Listen error: EMFILE\n"},
+        Step{Fault::kAsyncInit, 1, ""}, Step{Fault::kAsyncInit, 2, ""}, Step{Fault::kAsyncInit, 3, ""},
+        Step{Fault::kThreadCreate, 1, ""}}) {
     SCOPED_TRACE("fault " + std::to_string(static_cast<int>(step.fault)) + ", call " + std::to_string(step.first));
     for (const bool own_thread : {true, false}) {
       SCOPED_TRACE(own_thread ? "Init" : "Start");
@@ -511,7 +451,7 @@ TEST_P(ServerLifecycle, AFailedInitIsDestroyedLikeAServerThatDoesNotRun) {
   const Resources before = CountResources();
   {
     TestServer server(GetParam());
-    ScopedFault fault(Fault::kListen, 1, 1, UV_EADDRINUSE);
+    ScopedFault fault(Fault::kListenCall, 1, 1, UV_EADDRINUSE);
     StdoutCapture output;
     EXPECT_FALSE(server.Init());
     EXPECT_TRUE(server->isthread());

@@ -32,8 +32,8 @@ class ClientTableIds : public testing::Test {
  protected:
   ClientTableIds() {
     next_id = 0;
-    EXPECT_TRUE(
-        listener_.Listen({Endpoint::kLocal, address_.name, ""}, [this](int status) { clients_.OnIncoming(status); }));
+    EXPECT_TRUE(listener_.Listen({Endpoint::kLocal, address_.name, ""},
+                                 [this](int descriptor) { clients_.OnIncoming(descriptor); }));
   }
   ~ClientTableIds() override {
     clients_.Close();

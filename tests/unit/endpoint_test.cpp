@@ -5,6 +5,7 @@
 #include <netinet/in.h>
 #include <sys/un.h>
 
+#include <cerrno>
 #include <cstring>
 #include <string>
 
@@ -12,20 +13,22 @@ namespace mivo {
 namespace {
 
 sockaddr_in Tcp4(const char* host, const char* port, int* status) {
-  sockaddr_storage storage;
-  std::memset(&storage, 0xAA, sizeof storage);
-  *status = ToSocketAddress({Endpoint::kTcp4, port, host}, &storage);
+  SocketAddress any;
+  std::memset(&any.storage, 0xAA, sizeof any.storage);
+  *status = ToSocketAddress({Endpoint::kTcp4, port, host}, &any);
+  EXPECT_EQ(any.size, sizeof(sockaddr_in));
   sockaddr_in address;
-  std::memcpy(&address, &storage, sizeof address);
+  std::memcpy(&address, any.get(), sizeof address);
   return address;
 }
 
 sockaddr_in6 Tcp6(const char* host, const char* port, int* status) {
-  sockaddr_storage storage;
-  std::memset(&storage, 0xAA, sizeof storage);
-  *status = ToSocketAddress({Endpoint::kTcp6, port, host}, &storage);
+  SocketAddress any;
+  std::memset(&any.storage, 0xAA, sizeof any.storage);
+  *status = ToSocketAddress({Endpoint::kTcp6, port, host}, &any);
+  EXPECT_EQ(any.size, sizeof(sockaddr_in6));
   sockaddr_in6 address;
-  std::memcpy(&address, &storage, sizeof address);
+  std::memcpy(&address, any.get(), sizeof address);
   return address;
 }
 
@@ -34,11 +37,27 @@ TEST(Endpoint, LiesUnderItsNameInTmp) {
   EXPECT_EQ(SocketPath({Endpoint::kLocal, "", ""}), "/tmp/echo.sock.");
 }
 
-TEST(Endpoint, FitsWhenItsPathIsNotLongerThanTheKernelTakes) {
-  EXPECT_TRUE(FitsSocketAddress(std::string(107, 'x')));
-  EXPECT_FALSE(FitsSocketAddress(std::string(108, 'x')));
-  EXPECT_EQ(sizeof(sockaddr_un::sun_path), 108U);
-  EXPECT_TRUE(FitsSocketAddress(""));
+TEST(Endpoint, GivesThePathOfItsName) {
+  SocketAddress any;
+  std::memset(&any.storage, 0xAA, sizeof any.storage);
+  EXPECT_EQ(ToSocketAddress({Endpoint::kLocal, "4711", ""}, &any), 0);
+  sockaddr_un address;
+  ASSERT_EQ(any.size, sizeof address);
+  std::memcpy(&address, any.get(), sizeof address);
+  EXPECT_EQ(address.sun_family, AF_UNIX);
+  EXPECT_STREQ(address.sun_path, "/tmp/echo.sock.4711");
+}
+
+TEST(Endpoint, DoesNotCutAPathThatTheKernelDoesNotTake) {
+  ASSERT_EQ(sizeof(sockaddr_un::sun_path), 108U);
+  const std::string longest(107 - SocketPath({}).size(), 'x');
+  SocketAddress any;
+  ASSERT_EQ(ToSocketAddress({Endpoint::kLocal, longest, ""}, &any), 0);
+  sockaddr_un address;
+  std::memcpy(&address, any.get(), sizeof address);
+  EXPECT_EQ(address.sun_path, "/tmp/echo.sock." + longest);
+  EXPECT_EQ(ToSocketAddress({Endpoint::kLocal, longest + "x", ""}, &any), -ENAMETOOLONG);
+  EXPECT_EQ(ToSocketAddress({Endpoint::kLocal, std::string(5000, 'x'), ""}, &any), -ENAMETOOLONG);
 }
 
 TEST(Endpoint, ReadsThePortThatATextBeginsWith) {
