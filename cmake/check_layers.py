@@ -14,11 +14,12 @@ ALLOWED = {
     "base": [],
     "values": ["base"],
     "loop": ["base"],
-    "transport": ["base", "values", "loop"],
-    "calls": ["base", "values", "loop", "transport"],
-    "largedata": ["base", "values", "loop", "transport", "calls"],
-    "client": ["base", "values", "loop", "transport", "calls", "largedata"],
-    "server": ["base", "values", "loop", "transport", "calls", "largedata"],
+    "pool": ["base"],
+    "transport": ["base", "values", "loop", "pool"],
+    "calls": ["base", "values", "loop", "pool", "transport"],
+    "largedata": ["base", "values", "loop", "pool", "transport", "calls"],
+    "client": ["base", "values", "loop", "pool", "transport", "calls", "largedata"],
+    "server": ["base", "values", "loop", "pool", "transport", "calls", "largedata"],
     "tcpserver": ["base"],
 }
 
@@ -26,7 +27,7 @@ INCLUDE = re.compile(r'^\s*#\s*include\s*"([^"]+)"', re.MULTILINE)
 ANY_INCLUDE = re.compile(r'^\s*#\s*include\s*[<"]([^>"]+)[>"]', re.MULTILINE)
 
 # Pure rooms: they are tested and fuzzed without a loop.
-WITHOUT_LIBUV = ["base", "values"]
+WITHOUT_LIBUV = ["base", "values", "pool"]
 
 
 def problems_of(path, src):

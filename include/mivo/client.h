@@ -33,7 +33,8 @@ class MIVO_EXPORT IClient {
   // Connects to the local socket "/tmp/echo.sock." + `name` and checks the server's version; true when both succeeded.
   // `name` has at most 92 bytes. Blocks until then: the version check for at most about 10 s, once it has its turn.
   // `threaded` is accepted and ignored: a client always runs its loop on a thread of its own. On a connected client
-  // nothing happens and the result is true. False on the client's own loop thread and in one of its handlers.
+  // nothing happens and the result is true. False in the client's own notice, and in one of its handlers when the
+  // connection has ended.
   //
   // After a failure or a close the client can be initialised again. A failed connect (diagnostic line "cant connect: ")
   // leaves the handlers registered. A failed version check ("Check Server Version Error!"), by another banner or for
@@ -53,17 +54,19 @@ class MIVO_EXPORT IClient {
   // Accepted for symmetry with the server; a client looks for expired calls every 100 ms whatever is set here.
   virtual void SetTimeoutStep(int ms) = 0;
 
-  // Ends the connection: wakes every blocked call, deletes the registered handlers (see SetCustomReleaseEvent), waits
-  // for running handlers and for the loop thread. Takes at least 100 ms. May be repeated. No notice runs. In a handler
-  // or notice of this client it only begins the close and returns; a later close or DestroyClient waits for its end.
+  // Ends the connection: what waits to be written is written, for half a second at most, while the server reads; wakes
+  // every blocked call, also those that wait for their turn, deletes the registered handlers (see
+  // SetCustomReleaseEvent), waits for running handlers and for the loop thread. Takes at least 100 ms. May be repeated.
+  // No notice runs. In a handler or notice of this client it only begins the close and returns; a later close or
+  // DestroyClient waits for its end.
   virtual void close() = 0;
 
   // Calls `name` and waits for the reply; never null. `params` (null: no arguments) is only read. `timeout` is in
   // milliseconds and is looked at every 100 ms, first 500 ms after connecting; 0 waits without limit, below 0 some 50
-  // days. `name` is any text; those that begin with "s_c_", and "retval", are the library's own. Arguments and results
-  // travel in one message each of less than 2 GiB; meanwhile everything else on the connection waits.
-  // At most one SendMsg or PostMsg runs at a time in the whole process; SendMsgFast has no such limit and is the one to
-  // use from handlers.
+  // days. A request that cannot be sent is not waited for. `name` is any text; those that begin with "s_c_", and
+  // "retval", are the library's own. Arguments and results travel in one message each of less than 2 GiB; meanwhile
+  // everything else on the connection waits. At most one SendMsg or PostMsg runs at a time in the whole process;
+  // SendMsgFast has no such limit and is the one to use from handlers.
   virtual MIVOParams* SendMsg(const char* name, MIVOParams* params, int key, int timeout) = 0;
   virtual MIVOParams* SendMsgFast(const char* name, MIVOParams* params, int key, int timeout) = 0;
 

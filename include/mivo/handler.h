@@ -8,9 +8,9 @@ class MIVOParams;
 
 // One named method, registered with IServer::method or IClient::method.
 //
-// Threads: OnCall runs on a thread of libuv's work pool, several calls at a time, also for one connection. The notices
-//   "s_c_connect" and "s_c_closed" run on the loop thread of the object they are registered with and hold up everything
-//   else of that object while they run; "s_c_createport" runs on the thread that starts the server.
+// Threads: OnCall runs on one of the library's pool threads, several calls at a time, also for one connection. The
+//   notices "s_c_connect" and "s_c_closed" run on the loop thread of the object they are registered with and hold up
+//   everything else of that object while they run; "s_c_createport" runs on the thread that starts the server.
 // Ownership: the object a handler is registered with deletes it when it closes (a server only if it was started),
 //   unless SetCustomReleaseEvent was called. Both parameter sets belong to the library and end with the call.
 // Errors: an exception that leaves OnCall is reported on standard output; the caller gets the reply as filled so far.

@@ -22,13 +22,14 @@ class ReadFace;
 // Threads: none of its own. One object is used by one thread at a time; the const operations may run side by side.
 // Ownership: the set owns its buffer and every decoded value. Pointers from GetValue and GetMap hold until Clear, the
 // next decoding, or the end of the set. Units: all sizes and lengths are bytes. Texts are bytes without an encoding of
-// their own. A value's object is made when it is first asked for. Errors: decoding returns false at the first fault; otherwise only std::bad_alloc when memory runs out, and
-// an add operation that throws it has added nothing. Keys and C strings that are added must not be null.
+// their own. A value's object is made when it is first asked for. Errors: decoding returns false at the first fault;
+// otherwise only std::bad_alloc when memory runs out, and an add operation that throws it has added nothing. Keys and C
+// strings that are added must not be null.
 class MIVO_EXPORT MIVOParams {
  public:
   MIVOParams();
-  // The buffer is copied, the decoded values are shared: what is done to one of them is seen in both sets, and they hold
-  // until neither set shows them. Copy before decoding, and both are independent.
+  // The buffer is copied, the decoded values are shared: what is done to one of them is seen in both sets, and they
+  // hold until neither set shows them. Copy before decoding, and both are independent.
   MIVOParams(const MIVOParams& source);
   MIVOParams& operator=(const MIVOParams&) = delete;
   ~MIVOParams();
@@ -57,8 +58,8 @@ class MIVO_EXPORT MIVOParams {
   // Encodes the list as one positional value. Takes `list` and destroys it; the pointer is dangling afterwards.
   void AddList(ListParams* list);
 
-  // The live buffer, never null; the same until the end of the set. What was decoded stays as it is, whatever is done to
-  // the buffer.
+  // The live buffer, never null; the same until the end of the set. What was decoded stays as it is, whatever is done
+  // to the buffer.
   std::string* GetParamas();
   // The buffer's first byte; holds until the buffer changes.
   const char* GetParamasPtr() const;

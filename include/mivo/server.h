@@ -31,8 +31,9 @@ class MIVO_EXPORT IServer {
   // Listens on the local socket "/tmp/echo.sock." + `name`, replacing a socket file that is there; true when listening.
   // `name` has at most 92 bytes and no '/'. The file gets mode 0777 and, where the process may do that, user and group
   // 1000; otherwise "chown error" appears on standard output and nothing is lost. It is removed when the server closes,
-  // and stays when the process ends without that. Serving begins with run(). False when the server already runs, and in
-  // its handlers and notices. After a failure the handlers are registered as before, here and in all that follow.
+  // unless another server has taken the name, and stays when the process ends without that. Serving begins with run().
+  // False when the server already runs, and in its handlers and notices. After a failure the handlers are registered as
+  // before, here and in all that follow.
   virtual bool StartMIVOServer(const char* name) = 0;
 
   // Listens on the local socket named by the number in `port` and serves on a thread of its own; blocks until listening
@@ -56,7 +57,8 @@ class MIVO_EXPORT IServer {
   // True while the server serves: from a successful Start* or Init* until it closes.
   virtual bool isok() = 0;
 
-  // Closes: no new work, connections ended, calls to clients woken, handlers deleted (see SetCustomReleaseEvent). On
+  // Closes: no new work; what waits to be written is written, for half a second at most in all, while the clients read;
+  // connections ended, calls to clients woken, handlers deleted (see SetCustomReleaseEvent). On
   // the thread that serves, and when none does, it happens at once; any other asks that thread and waits until it has
   // left the loop, so that no handler runs any more. In a handler it only begins. On a server that is already closing
   // it returns at once; DestroyServer waits for the end. Always true.
@@ -67,9 +69,9 @@ class MIVO_EXPORT IServer {
 
   // Calls `name` of one connected client and waits for the reply. `params` and negative time-outs are as for IClient;
   // no turns are taken. Null when the server does not run or the client is unknown (nothing was sent), or when no reply
-  // came within `timeout` ms; a reply stored earlier under the same key is returned in its place. Time-outs are looked
-  // at every time-out step, first 500 ms after the server's first call; 0 ends at the next look. On the loop thread the
-  // call is sent and not waited for.
+  // came within `timeout` ms; a reply stored earlier under the same key is returned in its place, if this client has
+  // sent it. Time-outs are looked at every time-out step, first 500 ms after the server's first call; 0 ends at the
+  // next look. On the loop thread the call is sent and not waited for.
   virtual MIVOParams* SendMsg(int clientId, const char* name, MIVOParams* params, int key, int timeout) = 0;
 
   // Sends a call nobody waits for; returns 0 once it is on its way or was dropped, on a loop thread at once.

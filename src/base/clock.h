@@ -7,10 +7,14 @@
 
 namespace mivo {
 
-// Milliseconds of a clock that only goes forward: setting the wall clock neither ends nor prolongs a wait.
-inline std::int64_t NowMs() {
-  return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now().time_since_epoch())
+// Of a clock that only goes forward: setting the wall clock neither ends nor prolongs a wait.
+inline std::int64_t NowNs() {
+  return std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now().time_since_epoch())
       .count();
+}
+
+inline std::int64_t NowMs() {
+  return NowNs() / 1000000;
 }
 
 }  // namespace mivo

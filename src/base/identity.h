@@ -18,8 +18,15 @@ int NextConnectionId();
 // A waiting call's token. Never 0, and never given twice. Any thread.
 std::uintptr_t NextWaiterToken();
 
-// Whether NextWaiterToken gave this number out, in this process. Any thread.
-bool IsWaiterToken(std::uintptr_t token);
+// The same for a call that the library makes of its own accord.
+std::uintptr_t NextLibraryToken();
+
+// How far tokens are from each other, at least.
+inline constexpr std::uintptr_t kTokenStep = 16;
+
+// Whether one of the two gave this number out, in this process; whether it was the second. Any thread.
+bool IsToken(std::uintptr_t token);
+bool IsLibraryToken(std::uintptr_t token);
 
 }  // namespace mivo
 

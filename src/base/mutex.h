@@ -52,6 +52,7 @@ class Condition {
     lock.release();
     return status == std::cv_status::no_timeout;
   }
+  void NotifyOne() { condition_.notify_one(); }
   void NotifyAll() { condition_.notify_all(); }
 
  private:

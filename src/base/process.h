@@ -2,19 +2,19 @@
 #ifndef MIVO_BASE_PROCESS_H_
 #define MIVO_BASE_PROCESS_H_
 
-#include <sys/types.h>
-#include <unistd.h>
-
 namespace mivo {
+
+// How many forks lie between the process that loaded the library and this one. Costs no system call. Any thread.
+unsigned int ForkGeneration();
 
 // Remembers the process it was made in. A child of fork has copies of its parent's objects, but none of the threads
 // that make them work, and their locks as they happened to be.
 class ProcessMark {
  public:
-  bool IsThisProcess() const { return ::getpid() == process_; }
+  bool IsThisProcess() const { return ForkGeneration() == generation_; }
 
  private:
-  const pid_t process_ = ::getpid();
+  const unsigned int generation_ = ForkGeneration();
 };
 
 }  // namespace mivo

@@ -5,7 +5,8 @@
 #include <exception>
 
 #include "base/handler_scope.h"
-#include "transport/print_object.h"
+#include "base/printable.h"
+#include "calls/diagnostics.h"
 
 namespace mivo {
 
@@ -17,9 +18,9 @@ void RunGuarded(const HandlerCall& call, Body body) {
   try {
     body();
   } catch (const std::exception& error) {
-    call.print.Error("handler %s: %s\n", call.name.c_str(), error.what());
+    call.print.Error("handler %s: %s\n", Printable(call.name).c_str(), Printable(error.what()).c_str());
   } catch (...) {
-    call.print.Error("handler %s: unknown exception\n", call.name.c_str());
+    call.print.Error("handler %s: unknown exception\n", Printable(call.name).c_str());
   }
 }
 

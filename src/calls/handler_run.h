@@ -10,12 +10,12 @@ class MIVOParams;
 
 namespace mivo {
 
-class PrintObject;
+class Diagnostics;
 
 // What a call of a handler needs beside the handler.
 struct HandlerCall {
   const void* owner;   // the client or server the handler is registered with
-  PrintObject& print;  // where an exception is reported
+  Diagnostics& print;  // where an exception is reported
   const std::string& name;
   int connection_id;
   MIVOParams* request;

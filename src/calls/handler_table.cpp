@@ -2,8 +2,6 @@
 
 #include <mivo/handler.h>
 
-#include "calls/in_order_method.h"
-
 namespace mivo {
 
 void HandlerTable::Register(const char* name, IServerMethod* handler) {
@@ -23,12 +21,6 @@ void HandlerTable::RegisterBuiltin(const char* name, IServerMethod* handler) {
   methods_.emplace(name, handler);
 }
 
-void HandlerTable::RegisterInOrder(const char* name, InOrderMethod* handler) {
-  RegisterBuiltin(name, handler);
-  MutexLock lock(mutex_);
-  in_order_[name] = handler;
-}
-
 void HandlerTable::KeepHandlers() {
   MutexLock lock(mutex_);
   keep_ = true;
@@ -46,12 +38,8 @@ IMethodAll* HandlerTable::CatchAll() const {
   return open_ ? catch_all_ : nullptr;
 }
 
-InOrderMethod* HandlerTable::FindInOrder(std::string_view name) const {
-  MutexLock lock(mutex_);
-  const auto in_order = in_order_.find(name);
-  if (!open_ || in_order == in_order_.end()) return nullptr;
-  const auto registered = methods_.find(name);
-  return registered != methods_.end() && registered->second == in_order->second ? in_order->second : nullptr;
+bool HandlerTable::IsUnder(std::string_view name, const IServerMethod& handler) const {
+  return Find(name) == &handler;
 }
 
 void HandlerTable::Open() {

@@ -16,8 +16,6 @@ class IServerMethod;
 
 namespace mivo {
 
-class InOrderMethod;
-
 // Any thread. The application registers handlers and gives them away; the table's owner registers built-in ones, which
 // stay its own.
 //
@@ -42,9 +40,6 @@ class HandlerTable {
   // Enters a handler that is never deleted and outlasts every close, unless the name is taken.
   void RegisterBuiltin(const char* name, IServerMethod* handler);
 
-  // The same for a handler that hears of its requests when they arrive.
-  void RegisterInOrder(const char* name, InOrderMethod* handler);
-
   // From now on the application deletes its handlers.
   void KeepHandlers();
 
@@ -52,8 +47,8 @@ class HandlerTable {
   IServerMethod* Find(std::string_view name) const;
   IMethodAll* CatchAll() const;
 
-  // The handler of that kind under `name`, unless somebody else has the name; null if there is none.
-  InOrderMethod* FindInOrder(std::string_view name) const;
+  // Whether `handler` stands under `name`, and nobody else.
+  bool IsUnder(std::string_view name, const IServerMethod& handler) const;
 
   // Look-ups work again, of what was registered meanwhile.
   void Open();
@@ -68,7 +63,6 @@ class HandlerTable {
   bool keep_ MIVO_GUARDED_BY(mutex_) = false;
   std::map<std::string, IServerMethod*, std::less<>> methods_ MIVO_GUARDED_BY(mutex_);
   std::set<const IServerMethod*> builtins_ MIVO_GUARDED_BY(mutex_);
-  std::map<std::string, InOrderMethod*, std::less<>> in_order_ MIVO_GUARDED_BY(mutex_);
   IMethodAll* catch_all_ MIVO_GUARDED_BY(mutex_) = nullptr;
 };
 

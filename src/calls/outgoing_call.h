@@ -2,41 +2,50 @@
 #ifndef MIVO_CALLS_OUTGOING_CALL_H_
 #define MIVO_CALLS_OUTGOING_CALL_H_
 
+#include <atomic>
 #include <chrono>
+#include <functional>
 #include <optional>
 #include <string>
 
+#include "base/mutex.h"
 #include "calls/waiters.h"
-#include "loop/event_loop.h"
+#include "transport/reading_role.h"
 
 namespace mivo {
 
-// Lists `waiter`, then calls `send`, which hands the request on and says whether somebody will wake the waiter: by the
-// reply, the sweep, the end of the connection, or the close. Returns the reply's payload, or nothing.
-//
-// Listed before sent: the reply, or the end of everything, may come before `send` returns.
-//
-// The sweep that ends calls runs on the loop thread of the object that calls. A loop thread that calls through another
-// object may be waited for by that very thread, and looks after its own time-out, when the sweep has had its chance.
-template <class Send>
-std::optional<std::string> AwaitReply(Waiters& waiters, Waiter& waiter, Send send) {
-  constexpr std::chrono::milliseconds kSweepAtTheLatest{600};
-  waiters.List(waiter);
-  bool is_sent = false;
-  try {
-    is_sent = send();
-  } catch (...) {
-    // It must not stay listed when it is gone.
-    if (!waiters.Unlist(waiter)) waiter.Wait();
-    throw;
-  }
-  if (!is_sent && waiters.Unlist(waiter)) return std::nullopt;
-  if (EventLoop::InAnyThread()) {
-    const std::optional<std::chrono::milliseconds> timeout = waiters.TimeoutOf(waiter);
-    if (timeout && !waiter.WaitFor(*timeout + kSweepAtTheLatest) && waiters.Unlist(waiter)) return std::nullopt;
-  }
-  return waiter.Wait();
-}
+class Connection;
+
+// A call whose thread waits for the reply; lives on that thread's stack. Given the chance, the thread reads from the
+// connection meanwhile: it takes its own reply without being woken for it, and delivers what it reads for others.
+class OutgoingCall final : public Waiter, private ReadingRole::Caller {
+ public:
+  using Waiter::Waiter;
+
+  // Lists the call, then calls `send`, which sends the request and says whether somebody will wake the waiter: by the
+  // reply, the sweep, the end of the connection, or the close. Returns the reply's payload, or nothing.
+  //
+  // Listed before sent: the reply, or the end of everything, may come before `send` returns. `connection` may be null:
+  // then others read.
+  std::optional<std::string> Await(Waiters& waiters, Connection* connection, const std::function<bool()>& send);
+
+ private:
+  void OnWoken(std::optional<std::string> reply) override;
+  void BecomeReader() override;
+
+  bool IsWoken() const { return is_woken_.load(std::memory_order_acquire); }
+  // Reads, or waits to be woken or to become the reader, until woken. False: no one wakes it any more.
+  bool ReadUntilWoken(Waiters& waiters, Connection& connection);
+  bool WaitForNews(Waiters& waiters);
+  std::optional<std::string> Take();
+
+  Mutex mutex_;
+  Condition news_;
+  // Written under the lock, last of all; a reader looks at it between two reads.
+  std::atomic<bool> is_woken_{false};
+  bool is_reader_ MIVO_GUARDED_BY(mutex_) = false;
+  std::optional<std::string> reply_ MIVO_GUARDED_BY(mutex_);
+};
 
 }  // namespace mivo
 

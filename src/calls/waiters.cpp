@@ -1,5 +1,6 @@
 #include "calls/waiters.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "base/clock.h"
@@ -7,109 +8,144 @@
 
 namespace mivo {
 
-Waiter::Waiter(const void* owner, int peer, int key, int timeout_ms)
-    : owner_(owner),
-      token_(NextWaiterToken()),
+namespace {
+constexpr std::int64_t kNsPerMs = 1'000'000;
+}  // namespace
+
+Waiter::Waiter(int peer, int key, int timeout_ms, Of of)
+    : token_(of == Of::kLibrary ? NextLibraryToken() : NextWaiterToken()),
       peer_(peer),
       key_(key),
       timeout_ms_(static_cast<std::uint32_t>(timeout_ms)),
-      start_ms_(NowMs()) {}
+      start_ns_(NowNs()) {}
 
-std::optional<std::string> Waiter::Wait() {
-  woken_.Wait();
-  return std::move(reply_);
+std::size_t Waiters::RowOf(std::uintptr_t token) const {
+  return token / kTokenStep & (rows_.size() - 1);
 }
 
-void Waiter::Wake(std::optional<std::string> reply) {
-  reply_ = std::move(reply);
-  woken_.Set();
+void Waiters::Link(Waiter& waiter) {
+  Waiter*& row = rows_[RowOf(waiter.token_)];
+  waiter.next_ = row;
+  row = &waiter;
 }
 
 void Waiters::List(Waiter& waiter) {
   MutexLock lock(mutex_);
-  listed_.emplace(waiter.token_, &waiter);
+  if (count_ >= 2 * rows_.size()) {
+    std::vector<Waiter*> old(4 * rows_.size());
+    old.swap(rows_);
+    for (Waiter* listed : old) {
+      while (listed != nullptr)
+        Link(*std::exchange(listed, listed->next_));
+    }
+  }
+  ++count_;
+  Link(waiter);
+}
+
+Waiter** Waiters::Find(std::uintptr_t token) {
+  Waiter** link = &rows_[RowOf(token)];
+  while (*link != nullptr && (*link)->token_ != token)
+    link = &(*link)->next_;
+  return *link == nullptr ? nullptr : link;
+}
+
+void Waiters::Remove(Waiter** link) {
+  *link = std::exchange((*link)->next_, nullptr);
+  --count_;
 }
 
 bool Waiters::Unlist(Waiter& waiter) {
   MutexLock lock(mutex_);
-  return listed_.erase(waiter.token_) == 1;
+  Waiter** const link = Find(waiter.token_);
+  if (link == nullptr) return false;
+  Remove(link);
+  return true;
 }
 
-std::optional<std::chrono::milliseconds> Waiters::TimeoutOf(const Waiter& waiter) const {
-  if (waiter.timeout_ms_ == 0 && zero_timeout_ == ZeroTimeout::kWaitsForEver) return std::nullopt;
-  return std::chrono::milliseconds(waiter.timeout_ms_);
+bool Waiters::WaitsForEver(const Waiter& waiter) const {
+  return waiter.timeout_ms_ == 0 && zero_timeout_ == ZeroTimeout::kWaitsForEver;
+}
+
+void Waiters::AnnounceSweep(std::int64_t next_ns, std::int64_t step_ns) {
+  next_sweep_ns_.store(next_ns, std::memory_order_relaxed);
+  sweep_step_ns_.store(std::max<std::int64_t>(step_ns, 1), std::memory_order_relaxed);
+}
+
+std::optional<std::int64_t> Waiters::LastSweepFor(const Waiter& waiter) const {
+  if (WaitsForEver(waiter)) return std::nullopt;
+  const std::int64_t over_ns = waiter.start_ns_ + static_cast<std::int64_t>(waiter.timeout_ms_) * kNsPerMs;
+  const std::int64_t next_ns = next_sweep_ns_.load(std::memory_order_relaxed);
+  if (over_ns < next_ns) return next_ns;
+  const std::int64_t step_ns = sweep_step_ns_.load(std::memory_order_relaxed);
+  return next_ns + ((over_ns - next_ns) / step_ns + 1) * step_ns;
 }
 
 Waiters::Woken Waiters::WakeByToken(std::uintptr_t token, int peer, int key, std::string* reply) {
   Waiter* waiter = nullptr;
   {
     MutexLock lock(mutex_);
-    const Table::iterator found = listed_.find(token);
-    if (found == listed_.end() || found->second->peer_ != peer) return Woken::kNobody;
-    waiter = found->second;
-    listed_.erase(found);
+    Waiter** const link = Find(token);
+    if (link == nullptr || (*link)->peer_ != peer) return Woken::kNobody;
+    waiter = *link;
+    Remove(link);
   }
-  const bool is_its_reply = waiter->key_ == key;
-  if (is_its_reply) {
-    waiter->Wake(std::move(*reply));
+  if (waiter->key_ == key) {
+    waiter->OnWoken(std::move(*reply));
     return Woken::kWithReply;
   }
-  waiter->Wake(std::nullopt);
+  waiter->OnWoken(std::nullopt);
   return Woken::kWithNothing;
 }
 
 bool Waiters::WakeByKey(int key, std::string* reply) {
   bool found = false;
-  const std::vector<Waiter*> taken = TakeIf([&found, key](const Waiter& waiter) {
+  Waiter* const taken = TakeIf([&found, key](const Waiter& waiter) {
     if (found || waiter.key_ != key) return false;
     found = true;
     return true;
   });
-  if (taken.empty()) return false;
-  taken.front()->Wake(std::move(*reply));
+  if (taken == nullptr) return false;
+  taken->OnWoken(std::move(*reply));
   return true;
 }
 
-void Waiters::Release(std::uintptr_t token) {
-  Waiter* waiter = nullptr;
-  {
-    MutexLock lock(mutex_);
-    const Table::iterator found = listed_.find(token);
-    if (found == listed_.end()) return;
-    waiter = found->second;
-    listed_.erase(found);
-  }
-  waiter->Wake(std::nullopt);
+void Waiters::Sweep(std::int64_t now_ns) {
+  WakeChain(TakeIf([this, now_ns](const Waiter& listed) { return IsExpired(listed, now_ns); }));
 }
 
-void Waiters::Sweep(std::int64_t now_ms) {
-  for (Waiter* const waiter : TakeIf([this, now_ms](const Waiter& listed) { return IsExpired(listed, now_ms); })) {
-    waiter->Wake(std::nullopt);
+void Waiters::ReleaseAll() {
+  WakeChain(TakeIf([](const Waiter&) { return true; }));
+}
+
+void Waiters::WakeChain(Waiter* first) {
+  while (first != nullptr) {
+    Waiter* const waiter = std::exchange(first, first->next_);
+    waiter->OnWoken(std::nullopt);
   }
 }
 
-void Waiters::ReleaseAll(const void* owner) {
-  for (Waiter* const waiter : TakeIf([owner](const Waiter& listed) { return listed.owner_ == owner; })) {
-    waiter->Wake(std::nullopt);
-  }
-}
-
-bool Waiters::IsExpired(const Waiter& waiter, std::int64_t now_ms) const {
-  const std::optional<std::chrono::milliseconds> timeout = TimeoutOf(waiter);
+bool Waiters::IsExpired(const Waiter& waiter, std::int64_t now_ns) const {
+  if (WaitsForEver(waiter)) return false;
   // A call that began after the clock was read has a negative age and is not expired.
-  return timeout && now_ms - waiter.start_ms_ > timeout->count();
+  return now_ns - waiter.start_ns_ > static_cast<std::int64_t>(waiter.timeout_ms_) * kNsPerMs;
 }
 
 template <class Predicate>
-std::vector<Waiter*> Waiters::TakeIf(Predicate is_wanted) {
-  std::vector<Waiter*> taken;
+Waiter* Waiters::TakeIf(Predicate is_wanted) {
+  Waiter* taken = nullptr;
   MutexLock lock(mutex_);
-  for (Table::iterator it = listed_.begin(); it != listed_.end();) {
-    if (is_wanted(*it->second)) {
-      taken.push_back(it->second);
-      it = listed_.erase(it);
-    } else {
-      ++it;
+  for (Waiter*& row : rows_) {
+    Waiter** link = &row;
+    while (*link != nullptr) {
+      if (!is_wanted(**link)) {
+        link = &(*link)->next_;
+        continue;
+      }
+      Waiter* const waiter = *link;
+      Remove(link);
+      waiter->next_ = taken;
+      taken = waiter;
     }
   }
   return taken;

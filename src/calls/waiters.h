@@ -2,50 +2,46 @@
 #ifndef MIVO_CALLS_WAITERS_H_
 #define MIVO_CALLS_WAITERS_H_
 
-#include <chrono>
+#include <atomic>
 #include <cstdint>
 #include <optional>
 #include <string>
-#include <unordered_map>
 #include <vector>
 
 #include "base/mutex.h"
-#include "base/one_shot.h"
 
 namespace mivo {
 
-// One call that waits; lives on the stack of its caller.
+// One call that waits.
 //
 // While it is listed in a Waiters it belongs to whoever unlists it. Whoever unlists a waiter wakes it: so it is woken
 // once, and not touched afterwards.
 class Waiter {
  public:
-  // `owner` is the object the call was made through, `peer` the id of the connection it goes to. `timeout_ms` 0 means
-  // what the list says; otherwise it is taken as unsigned, so that a negative one is some 50 days.
-  Waiter(const void* owner, int peer, int key, int timeout_ms);
+  // Whose call it is: a late reply to one of the library's own is of no interest to the application.
+  enum class Of { kApplication, kLibrary };
+
+  // `peer` is the id of the connection that the call goes to. `timeout_ms` 0 means what the list says; otherwise it is
+  // taken as unsigned, so that a negative one is some 50 days.
+  Waiter(int peer, int key, int timeout_ms, Of of = Of::kApplication);
+  virtual ~Waiter() = default;
   Waiter(const Waiter&) = delete;
   Waiter& operator=(const Waiter&) = delete;
 
   std::uintptr_t token() const { return token_; }
 
-  // The caller, once. Returns what the waiter was woken with: the reply's payload, or nothing.
-  std::optional<std::string> Wait();
-
-  // Whether it is woken within `patience`.
-  bool WaitFor(std::chrono::milliseconds patience) { return woken_.WaitFor(patience); }
-
  private:
   friend class Waiters;
-  void Wake(std::optional<std::string> reply);
 
-  const void* const owner_;
+  // The reply's payload, or nothing. On the thread that has unlisted it, without a lock.
+  virtual void OnWoken(std::optional<std::string> reply) = 0;
+
   const std::uintptr_t token_;
   const int peer_;
   const int key_;
   const std::uint32_t timeout_ms_;
-  const std::int64_t start_ms_;
-  std::optional<std::string> reply_;  // written before woken_ is set, read after it was waited for
-  OneShot woken_;
+  const std::int64_t start_ns_;
+  Waiter* next_ = nullptr;  // in its row of the list
 };
 
 // The list. Any thread.
@@ -56,16 +52,19 @@ class Waiters {
     kEndsAtNextSweep,
   };
 
-  explicit Waiters(ZeroTimeout zero_timeout) : zero_timeout_(zero_timeout) {}
+  explicit Waiters(ZeroTimeout zero_timeout) : zero_timeout_(zero_timeout), rows_(kFirstRows) {}
 
-  // Lists a waiter. From here on it must be waited for, unless Unlist gives it back.
+  // Lists a waiter. From here on it is woken once, unless Unlist gives it back.
   void List(Waiter& waiter);
 
   // Takes a waiter back; false if somebody has unlisted it and wakes it.
   bool Unlist(Waiter& waiter);
 
-  // Whether a sweep ever ends its wait, and after how long at the earliest.
-  std::optional<std::chrono::milliseconds> TimeoutOf(const Waiter& waiter) const;
+  // When the list will be swept next, and how often from then on. Whoever sweeps says so each time, after the sweep.
+  void AnnounceSweep(std::int64_t next_ns, std::int64_t step_ns);
+
+  // The sweep that will end the waiter's wait, by NowNs; nothing if none ever does.
+  std::optional<std::int64_t> LastSweepFor(const Waiter& waiter) const;
 
   enum class Woken {
     kWithReply,    // the reply was taken
@@ -79,26 +78,36 @@ class Waiters {
   // Wakes a waiter under `key` with `reply`. False if there is none: then `reply` is as it was.
   bool WakeByKey(int key, std::string* reply);
 
-  // Wakes the waiter that `token` names, if it is listed, with nothing.
-  void Release(std::uintptr_t token);
+  // Wakes every waiter whose time-out has passed; `now_ns` by NowNs.
+  void Sweep(std::int64_t now_ns);
 
-  // Wakes every waiter whose time-out has passed; `now_ms` by NowMs.
-  void Sweep(std::int64_t now_ms);
-
-  // Wakes every waiter of `owner`.
-  void ReleaseAll(const void* owner);
+  // Wakes every waiter.
+  void ReleaseAll();
 
  private:
-  using Table = std::unordered_map<std::uintptr_t, Waiter*>;
+  static constexpr std::size_t kFirstRows = 16;
 
-  bool IsExpired(const Waiter& waiter, std::int64_t now_ms) const;
-  // Unlists what `is_wanted`; its caller wakes them, without the lock.
+  // Rows of waiters by their tokens, linked through themselves: to list one costs no memory.
+  std::size_t RowOf(std::uintptr_t token) const MIVO_REQUIRES(mutex_);
+  void Link(Waiter& waiter) MIVO_REQUIRES(mutex_);
+  // The link that points to it; null if it is not listed.
+  Waiter** Find(std::uintptr_t token) MIVO_REQUIRES(mutex_);
+  void Remove(Waiter** link) MIVO_REQUIRES(mutex_);
+  bool IsExpired(const Waiter& waiter, std::int64_t now_ns) const;
+  // Unlists what `is_wanted`; its caller wakes the chain, without the lock.
   template <class Predicate>
-  std::vector<Waiter*> TakeIf(Predicate is_wanted);
+  Waiter* TakeIf(Predicate is_wanted);
+  static void WakeChain(Waiter* first);
+
+  bool WaitsForEver(const Waiter& waiter) const;
 
   const ZeroTimeout zero_timeout_;
+  // Written by whoever sweeps, read by callers. A sweep that is missed for a moment is the next one.
+  std::atomic<std::int64_t> next_sweep_ns_{0};
+  std::atomic<std::int64_t> sweep_step_ns_{1};
   Mutex mutex_;
-  Table listed_ MIVO_GUARDED_BY(mutex_);
+  std::vector<Waiter*> rows_ MIVO_GUARDED_BY(mutex_);
+  std::size_t count_ MIVO_GUARDED_BY(mutex_) = 0;
 };
 
 }  // namespace mivo

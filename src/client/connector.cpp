@@ -6,7 +6,7 @@
 
 #include <cerrno>
 
-#include "transport/print_object.h"
+#include "base/standard_output.h"
 #include "transport/socket.h"
 
 namespace mivo {

@@ -8,11 +8,12 @@
 #include <utility>
 
 #include "base/call_key.h"
-#include "base/detached_thread.h"
 #include "base/handler_scope.h"
+#include "base/library_thread.h"
+#include "base/printable.h"
 #include "calls/handler_run.h"
+#include "client/call_turn.h"
 #include "client/session.h"
-#include "client/turn_lock.h"
 #include "largedata/slice_sender.h"
 #include "largedata/slice_size.h"
 #include "transport/builtin_keys.h"
@@ -37,7 +38,7 @@ const char* TextOrEmpty(const char* text) {
 int LargeCallKey(int key, const MIVOParams& params) {
   if (key != 0) return key;
   const MIVOValue* const own_key = params.GetMap(kThreadIdKey);
-  return own_key != nullptr && own_key->IsInt() ? own_key->GetInt() : CallKey(0);
+  return CallKey(own_key != nullptr && own_key->IsInt() ? own_key->GetInt() : 0);
 }
 
 // Makes of `params` the whole of a large call as it travels.
@@ -62,13 +63,14 @@ MIVOClient::MIVOClient()
         if (session && session->DeliverLargeResult(key, &result)) return;
         large_replies_.Store(key, std::move(result));
       }) {
-  handlers_.RegisterInOrder(kSliceMethod, &large_data_receiver_);
+  handlers_.RegisterBuiltin(kSliceMethod, &large_data_receiver_);
   handlers_.RegisterBuiltin(kBuiltinClosedNotice, &server_closed_);
 }
 
 MIVOClient::~MIVOClient() {
+  AbandonTurns();
   if (const std::shared_ptr<Session> session = CurrentSession()) {
-    session->Close(Session::Handlers::kRelease);
+    session->Close(Session::Closing::kReleaseHandlers);
     session->Join();
   }
   callers_.WaitUntilNobody();
@@ -87,20 +89,24 @@ bool MIVOClient::InitMIVOClientTcp6(const char* host, const char* port, bool) {
 }
 
 bool MIVOClient::Init(Endpoint endpoint) {
+  if (!IsOfThisProcess()) return false;
+  if (const std::shared_ptr<Session> current = CurrentSession()) {
+    if (current->is_connected() && !current->is_ending() && HandlerScope::Inside(this)) return true;
+  }
   // A lost connection must be taken down first, and that waits for this thread's own work.
   if (IsInsideItself()) return false;
 
   MutexLock lock(init_mutex_);
   if (const std::shared_ptr<Session> old = CurrentSession()) {
     if (old->is_connected() && !old->is_ending()) return true;
-    old->Close(Session::Handlers::kKeep);
+    old->Close(Session::Closing::kKeepHandlers);
     old->Join();
   }
 
   // Known before it connects, so that a close can end the attempt.
   const std::string name = endpoint.name;
-  const auto session = std::make_shared<Session>(ClientParts{this, print_, handlers_, replies_, large_replies_, *this},
-                                                 std::move(endpoint));
+  const auto session = std::make_shared<Session>(
+      ClientParts{this, print_, handlers_, replies_, large_replies_, large_data_receiver_, *this}, std::move(endpoint));
   BeginSession(session);
   if (!session->Connect()) {
     DropSession(session);
@@ -131,17 +137,18 @@ bool MIVOClient::CheckServer() {
   const MIVOValue* const accepted = reply.GetValue(0);
   const MIVOValue* const banner = reply.GetMap(kVersionKey);
   print_.Debug("Check Server Version: \nserver %s\nclient %s \n",
-               banner != nullptr && banner->IsString() ? banner->GetString() : "", kVersionBanner);
+               Printable(banner != nullptr && banner->IsString() ? banner->GetString() : "").c_str(), kVersionBanner);
   // The server has compared the banners; its word decides.
   return accepted != nullptr && accepted->IsBool() && accepted->GetBool();
 }
 
 void MIVOClient::close() {
+  if (!IsOfThisProcess()) return;
   print_.Debug("Closing!\n");
   const std::shared_ptr<Session> session = CurrentSession();
   const bool may_wait = !IsInsideItself();
   if (session) {
-    session->Close(Session::Handlers::kRelease);
+    session->Close(Session::Closing::kReleaseHandlers);
     print_.Debug("Client Closing waiting thread!\n");
     if (may_wait) session->Join();
   }
@@ -174,6 +181,7 @@ bool MIVOClient::IsInsideItself() {
 }
 
 std::shared_ptr<Session> MIVOClient::CurrentSession() {
+  if (!IsOfThisProcess()) return nullptr;
   MutexLock lock(session_mutex_);
   return session_;
 }
@@ -190,56 +198,86 @@ void MIVOClient::DropSession(const std::shared_ptr<Session>& session) {
   if (session_ == session) session_.reset();
 }
 
+void MIVOClient::AbandonTurns() {
+  turns_abandoned_ = true;
+  CallTurn::AskAgain();
+}
+
+std::function<bool()> MIVOClient::IsPointless() {
+  return [this, session = CurrentSession()] {
+    return turns_abandoned_ || (session != nullptr && !session->is_connected());
+  };
+}
+
 MIVOParams* MIVOClient::SendMsg(const char* name, MIVOParams* params, int key, int timeout) {
-  const TurnLock turn(TurnLock::Turn::kCall);
+  if (!IsOfThisProcess()) return ErrorSet(NotConnected().error);
+  const Presence::Scope inside(callers_);
+  const CallTurn turn(CallTurn::Kind::kCall, IsPointless());
+  if (turn.is_given_up()) return ErrorSet(NotConnected().error);
   return SendMsgFast(name, params, key, timeout);
 }
 
 MIVOParams* MIVOClient::SendMsgFast(const char* name, MIVOParams* params, int key, int timeout) {
+  if (!IsOfThisProcess()) return ErrorSet(NotConnected().error);
   const Presence::Scope inside(callers_);
   const int call_key = CallKey(key);
-  Answer answer = Ask(name, params, call_key, timeout);
+  Answer answer = Ask(Waiter::Of::kApplication, name, params, call_key, timeout);
   return answer.reply ? replies_.Collect(call_key, std::move(*answer.reply)) : ErrorSet(answer.error);
 }
 
-MIVOClient::Answer MIVOClient::AskInTurn(const char* name, const MIVOParams* params, int call_key, int timeout) {
-  const TurnLock turn(TurnLock::Turn::kCall);
-  return Ask(name, params, call_key, timeout);
+MIVOClient::Answer MIVOClient::NotConnected() {
+  PrintDirect("SendMsg end: IsOk Flase\n");
+  print_.Error("send msg: disconnect... .. .\n");
+  return {std::nullopt, kErrorNotConnected};
 }
 
-MIVOClient::Answer MIVOClient::Ask(const char* name, const MIVOParams* params, int call_key, int timeout) {
+MIVOClient::Answer MIVOClient::AskInTurn(const char* name, const MIVOParams* params, int call_key, int timeout) {
+  const CallTurn turn(CallTurn::Kind::kCall, IsPointless());
+  if (turn.is_given_up()) return NotConnected();
+  return Ask(Waiter::Of::kLibrary, name, params, call_key, timeout);
+}
+
+MIVOClient::Answer MIVOClient::Ask(Waiter::Of of, const char* name, const MIVOParams* params, int call_key,
+                                   int timeout) {
   const std::shared_ptr<Session> session = CurrentSession();
-  if (!session || !session->is_connected()) {
-    PrintDirect("SendMsg end: IsOk Flase\n");
-    print_.Error("send msg: disconnect... .. .\n");
-    return {std::nullopt, kErrorNotConnected};
-  }
-  std::optional<std::string> reply = session->Call(TextOrEmpty(name), params, call_key, timeout);
-  if (!reply) reply = replies_.TakeUnread(call_key);
+  if (!session || !session->is_connected()) return NotConnected();
+  std::optional<std::string> reply = session->Call(of, TextOrEmpty(name), params, call_key, timeout);
+  if (!reply && of == Waiter::Of::kApplication) reply = replies_.TakeUnread(call_key);
   return {std::move(reply), kErrorNoReply};
 }
 
 int MIVOClient::PostMsg(const char* name, MIVOParams* params, int key) {
-  const TurnLock turn(TurnLock::Turn::kCall);
-  return PostMsgFast(name, params, key);
+  if (IsOfThisProcess()) {
+    const Presence::Scope inside(callers_);
+    const CallTurn turn(CallTurn::Kind::kCall, IsPointless());
+    if (!turn.is_given_up()) return PostMsgFast(name, params, key);
+  }
+  print_.Error("send msg: disconnect... .. .\n");
+  return 0;
 }
 
 int MIVOClient::PostMsgFast(const char* name, MIVOParams* params, int key) {
-  const Presence::Scope inside(callers_);
-  const std::shared_ptr<Session> session = CurrentSession();
-  if (session && session->is_connected()) {
-    session->Post(TextOrEmpty(name), params, CallKey(key));
-  } else {
-    print_.Error("send msg: disconnect... .. .\n");
+  if (IsOfThisProcess()) {
+    const Presence::Scope inside(callers_);
+    const std::shared_ptr<Session> session = CurrentSession();
+    if (session && session->is_connected()) {
+      session->Post(TextOrEmpty(name), params, CallKey(key));
+      return 0;
+    }
   }
+  print_.Error("send msg: disconnect... .. .\n");
   return 0;
 }
 
 MIVOParams* MIVOClient::SendMsgEx(const char* name, MIVOParams* params, int key, int timeout) {
-  const TurnLock turn(TurnLock::Turn::kLargeCall);
+  if (!IsOfThisProcess()) {
+    PrintDirect("sendmsgex: disconnect... .. .\n");
+    return ErrorSet(kErrorNotConnected);
+  }
   const Presence::Scope inside(callers_);
+  const CallTurn turn(CallTurn::Kind::kLargeCall, IsPointless());
   const std::shared_ptr<Session> session = CurrentSession();
-  if (!session || !isok()) {
+  if (turn.is_given_up() || !session || !isok()) {
     PrintDirect("sendmsgex: disconnect... .. .\n");
     return ErrorSet(kErrorNotConnected);
   }
@@ -280,26 +318,26 @@ bool MIVOClient::SendMsgLargeData(const char* name, MIVOParams* params, int key,
 
 bool MIVOClient::SendSlices(const std::string& whole, int key, int call_key, int timeout) {
   return SendInSlices(whole, key, [&](MIVOParams* slice) {
-    // A slice that nobody answered does not end the transfer.
-    AskInTurn(kSliceMethod, slice, call_key, timeout);
-    return true;
+    // A slice that nobody answered does not end the transfer, but with the connection it ends.
+    return AskInTurn(kSliceMethod, slice, call_key, timeout).error != kErrorNotConnected;
   });
 }
 
 void MIVOClient::ClearRetvalMem() {
+  if (!IsOfThisProcess()) return;
   replies_.Clear();
   large_replies_.Clear();
 }
 
 void MIVOClient::Serve(const Request& request, MIVOParams* reply) {
-  IServerMethod* const handler = FindHandler(handlers_, request);
+  IServerMethod* const handler = handlers_.Find(request.name);
   if (handler == nullptr) {
     // Without key and token: the server's call runs into its time-out.
     reply->AddKeyValueString(kNameKey, kRetval);
     return;
   }
   MIVOParams arguments;
-  if (handler != request.in_its_place.get()) ReadArguments(request, &arguments);
+  ReadArguments(request, &arguments);
   RunHandler(*handler, {this, print_, request.name, request.connection->id(), &arguments, reply});
   AppendClientReplyTail(*reply->GetParamas(), request.envelope);
 }
@@ -345,10 +383,11 @@ void DestroyClient(IClient* client) {
   auto* const own = dynamic_cast<mivo::MIVOClient*>(client);
   // Its thread lives in the parent, and so does the connection: there is nothing here to end.
   if (own != nullptr && !own->IsOfThisProcess()) return;
+  if (own != nullptr) own->AbandonTurns();
   if (own != nullptr && own->IsInsideItself()) {
     // The close has to wait for the handler that we are called from.
     // Without a thread for it, it only ends, and its memory is lost.
-    if (!mivo::RunDetached(destroy)) client->close();
+    if (!mivo::RunDetached("mivo-destroy", destroy)) client->close();
   } else {
     destroy();
   }

@@ -4,6 +4,8 @@
 
 #include <mivo/client.h>
 
+#include <atomic>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -11,13 +13,14 @@
 #include "base/mutex.h"
 #include "base/presence.h"
 #include "base/process.h"
+#include "calls/diagnostics.h"
 #include "calls/handler_table.h"
 #include "calls/reply_table.h"
-#include "calls/request_work.h"
+#include "calls/request_job.h"
+#include "calls/waiters.h"
 #include "client/server_closed.h"
 #include "largedata/recv_large_data_client.h"
 #include "transport/endpoint.h"
-#include "transport/print_object.h"
 
 namespace mivo {
 
@@ -52,6 +55,10 @@ class MIVOClient : public IClient, private RequestServer {
   // whatever was answered.
   bool SendMsgLargeData(const char* name, MIVOParams* params, int key, int timeout);
 
+  // Sees out the calls that wait for their turn, and lets no further one wait. Those that are sent are seen out by the
+  // close.
+  void AbandonTurns();
+
   // Whether the calling thread runs a handler or notice of this client, which cannot wait for the client's end.
   bool IsInsideItself();
 
@@ -69,25 +76,31 @@ class MIVOClient : public IClient, private RequestServer {
   bool CheckServer();
   // A call up to its reply. The library's own calls end here: nobody can free a reply that is in no table. The caller
   // counts among callers_.
-  Answer Ask(const char* name, const MIVOParams* params, int call_key, int timeout);
+  Answer Ask(Waiter::Of of, const char* name, const MIVOParams* params, int call_key, int timeout);
   Answer AskInTurn(const char* name, const MIVOParams* params, int call_key, int timeout);
   bool SendSlices(const std::string& whole, int key, int call_key, int timeout);
+  Answer NotConnected();
 
   // RequestServer.
   void Serve(const Request& request, MIVOParams* reply) override;
 
+  // Null in a child of fork: what its copy of the client looks like is not to be asked.
   std::shared_ptr<Session> CurrentSession();
+  // For CallTurn: whether a call on the connection of now can come to nothing any more.
+  std::function<bool()> IsPointless();
   void BeginSession(std::shared_ptr<Session> session);
   void DropSession(const std::shared_ptr<Session>& session);
 
   const ProcessMark process_;
-  PrintObject print_;
+  Diagnostics print_;
   HandlerTable handlers_{HandlerTable::Rules::kOfAClient};
   ReplyTable replies_{ReplyTable::Retention::kUntilNextCall};
   ReplyTable large_replies_{ReplyTable::Retention::kUntilNextCall};
   RecvLargeDataClient large_data_receiver_;
   ServerClosed server_closed_;
   Presence callers_;
+  // Set by whoever destroys the client, read by those who wait for their turn.
+  std::atomic<bool> turns_abandoned_{false};
 
   Mutex init_mutex_;     // one Init at a time, its handshake included
   Mutex session_mutex_;  // also makes one step of a session's beginning and end and those of the handler table

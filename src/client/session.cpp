@@ -9,23 +9,26 @@
 #include "base/pointer_text.h"
 #include "calls/handler_run.h"
 #include "calls/outgoing_call.h"
+#include "client/call_turn.h"
 #include "transport/builtin_keys.h"
 #include "transport/envelope.h"
-#include "transport/framed_write.h"
 
 namespace mivo {
 
 namespace {
 
-constexpr std::uint64_t kFirstSweepMs = 500;
-constexpr std::uint64_t kSweepMs = 100;
+constexpr std::int64_t kFirstSweepMs = 500;
+constexpr std::int64_t kSweepMs = 100;
+constexpr std::int64_t kNsPerMs = 1'000'000;
+// How long a close waits for a peer that does not read what was sent to it.
+constexpr std::int64_t kDrainMs = 500;
 
 }  // namespace
 
 Session::Session(const ClientParts& parts, Endpoint endpoint)
     : parts_(parts),
       endpoint_(std::move(endpoint)),
-      connection_(std::make_shared<Connection>(loop_, static_cast<Connection::Owner&>(*this), NextConnectionId())) {}
+      connection_(std::make_shared<Connection>(static_cast<Connection::Owner&>(*this), jobs_, NextConnectionId())) {}
 
 Session::~Session() {
   thread_.Join();
@@ -34,55 +37,52 @@ Session::~Session() {
 bool Session::Connect() {
   if (!thread_.Start([this] { RunThread(); })) return false;
   started_.Wait();
-  if (is_up_) return true;
+  if (state_ != State::kClosed) return true;
   thread_.Join();
   return false;
 }
 
-std::optional<std::string> Session::Call(std::string_view name, const MIVOParams* params, int key, int timeout_ms) {
-  Waiter waiter(parts_.client, connection_->id(), key, timeout_ms);
-  Frame request(EncodeRequest(name, key, params, waiter.token()));
-  parts_.replies.BeginCall(key);
+bool Session::is_connected() const {
+  const State state = state_;
+  return state == State::kConnected || state == State::kEnding;
+}
+
+std::optional<std::string> Session::Call(Waiter::Of of, std::string_view name, const MIVOParams* params, int key,
+                                         int timeout_ms) {
+  OutgoingCall call(connection_->id(), key, timeout_ms, of);
+  Frame request(EncodeRequest(name, key, params, call.token()));
+  if (of == Waiter::Of::kApplication) parts_.replies.BeginCall(key);
+  if (name == kCloseServerMethod) post_answers_.ExpectOfClose(key);
   if (InThread()) {
-    outgoing_.DrainNow();
     connection_->Send(std::move(request));
     return std::nullopt;
   }
-  return AwaitReply(waiters_, waiter, [&] { return outgoing_.Push({std::move(request), key, false, nullptr}); });
+  return call.Await(waiters_, connection_.get(), [&] { return connection_->Send(std::move(request)); });
 }
 
 void Session::Post(std::string_view name, const MIVOParams* params, int key) {
   Frame request(EncodeRequest(name, key, params, 0));
-  posts_.Sent(key);
-  if (InThread()) {
-    outgoing_.DrainNow();
-    connection_->Send(std::move(request));
-    return;
-  }
-  if (EventLoop::InAnyThread()) {
-    // Two loop threads that post to each other's connections would wait for one another.
-    outgoing_.Push({std::move(request), key, true, nullptr});
-    return;
-  }
-  OneShot written;
-  if (outgoing_.Push({std::move(request), key, true, &written})) written.Wait();
+  post_answers_.Expect(key);
+  // A dropped post will not be answered.
+  if (!connection_->Send(std::move(request))) post_answers_.Take(key);
 }
 
 std::optional<std::string> Session::CallLarge(int key, int timeout_ms, const std::function<void()>& send) {
-  Waiter waiter(parts_.client, connection_->id(), key, timeout_ms);
-  return AwaitReply(large_waiters_, waiter, [&] {
+  OutgoingCall call(connection_->id(), key, timeout_ms);
+  return call.Await(large_waiters_, nullptr, [&] {
     send();
-    // Waiters are woken after connected_ was cleared: still connected now, this one will be.
-    return connected_ && !InThread();
+    // Waiters are woken after the state was left: still connected now, this one will be.
+    return is_connected() && !InThread();
   });
 }
 
-void Session::Close(Handlers handlers) {
-  if (handlers == Handlers::kRelease) release_handlers_ = true;
-  ending_ = true;
+void Session::Close(Closing how) {
+  Closing before = closing_;
+  while (before < how && !closing_.compare_exchange_weak(before, how)) {
+  }
+  // Too early, the loop thread looks at the wish when it has a loop; too late, there is nothing left to close.
   connector_.Close();
-  // Too early or too late, the wake-up goes nowhere: a loop that is not open yet looks at the wish when it is.
-  close_request_.Send();
+  loop_.Post([this] { CloseClient(); });
 }
 
 void Session::RunThread() {
@@ -98,122 +98,131 @@ void Session::RunThread() {
       parts_.print.Debug("Tcp6: %s\n", kVersionBanner);
       break;
   }
-  is_up_ = OpenLoop() && ConnectStream() && StartServing();
-  if (!is_up_) {
-    CloseHandles();
+  if (!Start()) {
+    state_ = State::kClosed;
+    connection_->Close();
+    sweep_timer_.Close();
     loop_.Close();
     started_.Set();
     return;
   }
-
-  connected_ = true;
+  // Before anybody can know that it runs.
+  SayThatItRuns("runing .....\n", "run\n");
   started_.Set();
-  if (endpoint_.kind == Endpoint::kLocal) {
-    parts_.print.Debug("runing .....\n");
-  } else {
-    PrintDirect("run\n");
-  }
   loop_.Run();
-  if (endpoint_.kind == Endpoint::kLocal) {
-    parts_.print.Debug("out run .....\n");
-  } else {
-    PrintDirect("run out\n");
-  }
+  SayThatItRuns("out run .....\n", "run out\n");
+  // CloseClient may have found a handler running and left the handlers to us.
+  jobs_.WaitUntilIdle();
   loop_.Close();
-  // Nothing runs any more. CloseClient may have found a handler running and left this to us.
   closed_handlers_.Delete();
 }
 
-bool Session::OpenLoop() {
+bool Session::Start() {
   if (loop_.Open() < 0) {
     ReportConnectFailure(endpoint_, "uv_loop_init error");
     return false;
   }
-  return close_request_.Open(loop_.uv(), [this] { AsyncClose(); }) == 0;
-}
-
-bool Session::ConnectStream() {
-  if (ending_) return false;
+  if (closing_ != Closing::kNo) return false;
   const int descriptor = connector_.Connect(endpoint_);
-  return descriptor >= 0 && connection_->Adopt(descriptor, endpoint_.kind) >= 0;
+  if (descriptor < 0) return false;
+  waiters_.AnnounceSweep(NowNs() + kFirstSweepMs * kNsPerMs, kSweepMs * kNsPerMs);
+  large_waiters_.AnnounceSweep(NowNs() + kFirstSweepMs * kNsPerMs, kSweepMs * kNsPerMs);
+  // First, for the end may be found before this has returned.
+  state_ = State::kConnected;
+  if (connection_->Open(descriptor) < 0) return false;
+  connection_->StartReading();
+  return sweep_timer_.Start(loop_.uv(), kFirstSweepMs, kSweepMs, [this] { Sweep(); }) == 0;
 }
 
-bool Session::StartServing() {
-  return outgoing_.Open(loop_.uv(), [this](std::vector<Outgoing> queued) { SendQueued(std::move(queued)); }) == 0 &&
-         connection_->StartReading() == 0 && sweep_timer_.Start(loop_.uv(), kFirstSweepMs, kSweepMs, [this] {
-           const std::int64_t now_ms = NowMs();
-           waiters_.Sweep(now_ms);
-           large_waiters_.Sweep(now_ms);
-         }) == 0;
+void Session::SayThatItRuns(const char* local_text, const char* tcp_text) {
+  if (endpoint_.kind == Endpoint::kLocal) {
+    parts_.print.Debug("%s", local_text);
+  } else {
+    PrintDirect("%s", tcp_text);
+  }
 }
 
-void Session::AsyncClose() {
-  parts_.print.Debug("async_closeing Client!\n");
-  CloseClient();
-  parts_.print.Debug("async_closed Client!\n");
+void Session::Sweep() {
+  const std::int64_t now_ns = NowNs();
+  for (Waiters* const waiters : {&waiters_, &large_waiters_}) {
+    waiters->Sweep(now_ns);
+    waiters->AnnounceSweep(now_ns + kSweepMs * kNsPerMs, kSweepMs * kNsPerMs);
+  }
+}
+
+void Session::OnEnd(Connection&, int) {
+  // A client that is initialised again from now on does not take this connection for one that stands.
+  State connected = State::kConnected;
+  state_.compare_exchange_strong(connected, State::kEnding);
+  loop_.Post([this] { EndConnection(); });
+}
+
+void Session::EndConnection() {
+  if (state_ != State::kEnding) return;
+  parts_.print.Debug("Server Closed: %d\n", connection_->id());
+  RunNotice(kClosedNotice);
+  RunNotice(kBuiltinClosedNotice);
+  connection_->Close();
+  // First not connected, then woken: a woken call must find the truth. And the notices have run before that.
+  if (state_ == State::kEnding) state_ = State::kEnded;
+  WakeCalls();
 }
 
 void Session::CloseClient() {
+  // A second wish finds it done; one that came while connecting has ended the attempt.
+  if (state_ == State::kClosed || state_ == State::kConnecting) return;
+  parts_.print.Debug("async_closeing Client!\n");
   parts_.print.Debug("closeClient!\n");
-  outgoing_.DrainNow();
-  connected_ = false;
-  ShutQueueAndWakeCalls();
-  work_.DropWaiting();
-  if (release_handlers_) {
+  connection_->Drain(NowMs() + kDrainMs);
+  state_ = State::kClosed;
+  connection_->Close();
+  WakeCalls();
+  Pool::OfProcess().DropWaiting(jobs_);
+  if (closing_ == Closing::kReleaseHandlers) {
     closed_handlers_ = parts_.handlers.Close();
-    if (work_.IsIdle() && notices_running_ == 0) closed_handlers_.Delete();
+    if (jobs_.IsIdle() && notices_running_ == 0) closed_handlers_.Delete();
   }
-  CloseHandles();
+  sweep_timer_.Close();
   parts_.replies.Retire();
   parts_.large_replies.Retire();
   parts_.print.Debug("Closed!\n");
+  parts_.print.Debug("async_closed Client!\n");
+  loop_.Shut();
 }
 
-void Session::CloseHandles() {
-  sweep_timer_.Close();
-  close_request_.Close();
-  outgoing_.Close();
-  connection_->Close();
-}
-
-void Session::ShutQueueAndWakeCalls() {
-  for (const Outgoing& unsent : outgoing_.Close()) {
-    if (unsent.written != nullptr) unsent.written->Set();
-  }
-  waiters_.ReleaseAll(parts_.client);
-  large_waiters_.ReleaseAll(parts_.client);
-}
-
-void Session::SendQueued(std::vector<Outgoing> queued) {
-  for (Outgoing& outgoing : queued)
-    connection_->Send(std::move(outgoing.frame));
-  const bool is_sent = connection_->Flush();
-  for (const Outgoing& outgoing : queued) {
-    // A dropped post will not be answered.
-    if (outgoing.is_post && !is_sent) posts_.TakeAnswer(outgoing.key);
-    if (outgoing.written != nullptr) outgoing.written->Set();
-  }
+void Session::WakeCalls() {
+  parts_.large_results.Forget(connection_->id());
+  waiters_.ReleaseAll();
+  large_waiters_.ReleaseAll();
+  CallTurn::AskAgain();
 }
 
 void Session::OnFrameDropped(Connection& connection) {
-  // FramedWrite has reported what it dropped; what comes after the close never gets there.
-  if (connection.is_closed()) ReportDroppedFrame();
+  // The connection has reported what it dropped; what comes after the close it has not.
+  if (connection.is_closed()) PrintDirect("write error\n");
   parts_.print.Error("write data error\n");
 }
 
-void Session::DoQueueWork(std::string_view payload) {
+void Session::OnPayload(Connection& connection, std::string_view payload, Jobs& jobs) {
   const Envelope envelope = ReadEnvelope(payload);
   if (!envelope.well_formed) return;
   if (!envelope.name) {
-    PrintDirect("event empty!\n");
-    return;
-  }
-  if (*envelope.name == kRetval) {
+    connection.SayOfPeer("event empty!\n");
+  } else if (*envelope.name == kRetval) {
     DeliverReply(envelope, payload);
-    return;
+  } else if (*envelope.name == kSliceMethod) {
+    TakeSlice(envelope);
+  } else {
+    jobs.Push(std::make_unique<RequestJob>(jobs_, parts_.requests, connection.shared_from_this(),
+                                           connection.TakePayload(payload), payload, envelope));
   }
-  work_.Queue(loop_.uv(), std::make_unique<RequestWork>(parts_.requests, connection_, payload, envelope,
-                                                        parts_.handlers.FindInOrder(*envelope.name)));
+}
+
+void Session::TakeSlice(const Envelope& envelope) {
+  parts_.large_results.Take(connection_->id(), envelope.data.value_or(std::string_view()));
+  std::string reply;
+  AppendClientReplyTail(reply, envelope);
+  SendReply(*connection_, envelope, std::move(reply));
 }
 
 void Session::DeliverReply(const Envelope& envelope, std::string_view payload) {
@@ -225,24 +234,12 @@ void Session::DeliverReply(const Envelope& envelope, std::string_view payload) {
     const Waiters::Woken woken = waiters_.WakeByToken(token, connection_->id(), key, &reply);
     if (woken == Waiters::Woken::kWithReply) return;
     // Ours, and its call is over: too late for anybody.
-    if (woken == Waiters::Woken::kNobody && IsWaiterToken(token)) return;
-  } else if (posts_.TakeAnswer(key)) {
+    if (woken == Waiters::Woken::kNobody && IsToken(token)) return;
+  } else if (!post_answers_.TakeOfClose(key, reply) && post_answers_.Take(key)) {
     return;
   }
   // It says under which key it belongs, but not to which call: a call on that key takes it when its wait is over.
   parts_.replies.Store(key, std::move(reply));
-}
-
-void Session::OnEnd(Connection& connection, int) {
-  // A client that is initialised again from now on does not take this connection for one that stands.
-  ending_ = true;
-  parts_.print.Debug("Server Closed: %d\n", connection.id());
-  RunNotice(kClosedNotice);
-  RunNotice(kBuiltinClosedNotice);
-  connection.Close();
-  // First not connected, then woken: a woken call must find the truth. And the notices have run before that.
-  connected_ = false;
-  ShutQueueAndWakeCalls();
 }
 
 void Session::RunNotice(const char* name) {

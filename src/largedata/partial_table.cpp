@@ -1,58 +1,47 @@
 #include "largedata/partial_table.h"
 
-#include <iterator>
-#include <utility>
+#include <limits>
+#include <vector>
 
 namespace mivo {
 
-PartialTable::Arrival::Arrival(PartialTable& table, const Slice& slice) : table_(table), slice_(slice) {
-  MutexLock lock(table_.arrivals_mutex_);
-  table_.arrivals_.push_back(this);
-  place_ = std::prev(table_.arrivals_.end());
-}
-
-PartialTable::Arrival::~Arrival() {
-  if (is_appended_) return;
-  // It may be appended at this moment.
-  MutexLock lock(table_.mutex_);
-  if (!is_appended_) table_.Unlist(*this);
-}
-
-std::optional<std::string> PartialTable::Arrival::Append() {
-  MutexLock lock(table_.mutex_);
-  while (!is_appended_) {
-    Arrival& oldest = table_.OldestArrival();
-    // Appended first: without memory for it, it stays listed.
-    oldest.whole_ = table_.AddLocked(oldest.slice_);
-    table_.Unlist(oldest);
-    oldest.is_appended_ = true;
+std::optional<std::string> PartialTable::Add(int connection_id, const Slice& slice) {
+  const std::pair<int, int> place(connection_id, slice.key);
+  // A long append keeps no other transfer waiting: one connection's slices come one after another.
+  std::string so_far;
+  {
+    MutexLock lock(mutex_);
+    so_far.swap(partial_[place]);
   }
-  return std::exchange(whole_, std::nullopt);
-}
-
-PartialTable::Arrival& PartialTable::OldestArrival() {
-  MutexLock lock(arrivals_mutex_);
-  return *arrivals_.front();
-}
-
-void PartialTable::Unlist(const Arrival& arrival) {
-  MutexLock lock(arrivals_mutex_);
-  arrivals_.erase(arrival.place_);
-}
-
-std::optional<std::string> PartialTable::Add(const Slice& slice) {
-  MutexLock lock(mutex_);
-  return AddLocked(slice);
-}
-
-std::optional<std::string> PartialTable::AddLocked(const Slice& slice) {
-  const std::map<int, std::string>::iterator entry = partial_.try_emplace(slice.key).first;
-  entry->second.append(slice.bytes);
+  so_far.append(slice.bytes);
   // The total is the peer's word: it decides when we are done, never how much we allocate.
-  if (slice.total_size > 0 && static_cast<std::size_t>(slice.total_size) > entry->second.size()) return std::nullopt;
-  std::string whole = std::move(entry->second);
-  partial_.erase(entry);
-  return whole;
+  const bool is_whole = slice.total_size <= 0 || static_cast<std::size_t>(slice.total_size) <= so_far.size();
+  MutexLock lock(mutex_);
+  if (is_whole) {
+    partial_.erase(place);
+    return so_far;
+  }
+  // Empty, unless a large message that names this receiver as its method has added to it meanwhile.
+  std::string& entry = partial_[place];
+  so_far += entry;
+  entry.swap(so_far);
+  return std::nullopt;
+}
+
+void PartialTable::Forget(int connection_id) {
+  std::vector<std::string> forgotten;  // freed without the lock
+  MutexLock lock(mutex_);
+  auto entry = partial_.lower_bound({connection_id, std::numeric_limits<int>::min()});
+  while (entry != partial_.end() && entry->first.first == connection_id) {
+    forgotten.push_back(std::move(entry->second));
+    entry = partial_.erase(entry);
+  }
+}
+
+void PartialTable::ForgetAll() {
+  Table forgotten;  // freed without the lock
+  MutexLock lock(mutex_);
+  forgotten.swap(partial_);
 }
 
 }  // namespace mivo

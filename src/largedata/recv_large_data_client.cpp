@@ -1,37 +1,23 @@
 #include "largedata/recv_large_data_client.h"
 
-#include <mivo/params.h>
-
+#include <optional>
 #include <utility>
 
 #include "largedata/slice.h"
+#include "values/encoding.h"
 
 namespace mivo {
 
-class RecvLargeDataClient::Turn : public IServerMethod {
- public:
-  Turn(RecvLargeDataClient& receiver, const Slice& slice)
-      : receiver_(receiver), slice_(receiver.partial_table_, slice) {}
-  void OnCall(int, MIVOParams*, MIVOParams*) override { receiver_.Take(slice_.key(), slice_.Append()); }
-
- private:
-  RecvLargeDataClient& receiver_;
-  PartialTable::Arrival slice_;
-};
-
 RecvLargeDataClient::RecvLargeDataClient(Deliver deliver) : deliver_(std::move(deliver)) {}
 
-std::unique_ptr<IServerMethod> RecvLargeDataClient::Arrive(std::string_view arguments) {
-  return std::make_unique<Turn>(*this, ReadSlice(arguments));
+void RecvLargeDataClient::Take(int connection_id, std::string_view slice) {
+  const Slice read = ReadSlice(slice);
+  std::optional<std::string> whole = partial_.Add(connection_id, read);
+  if (whole) deliver_(read.key, std::move(*whole));
 }
 
-void RecvLargeDataClient::OnCall(int, MIVOParams* request, MIVOParams*) {
-  const Slice slice = ReadSlice(*request->GetParamas());
-  Take(slice.key, partial_table_.Add(slice));
-}
-
-void RecvLargeDataClient::Take(int key, std::optional<std::string> whole) {
-  if (whole) deliver_(key, std::move(*whole));
+void RecvLargeDataClient::OnCall(int connection_id, MIVOParams* request, MIVOParams*) {
+  Take(connection_id, EncodingOf(*request));
 }
 
 }  // namespace mivo

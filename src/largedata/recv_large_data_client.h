@@ -2,35 +2,34 @@
 #ifndef MIVO_LARGEDATA_RECV_LARGE_DATA_CLIENT_H_
 #define MIVO_LARGEDATA_RECV_LARGE_DATA_CLIENT_H_
 
+#include <mivo/handler.h>
+
 #include <functional>
-#include <memory>
-#include <optional>
 #include <string>
 #include <string_view>
 
-#include "calls/in_order_method.h"
 #include "largedata/partial_table.h"
 
 namespace mivo {
 
-class RecvLargeDataClient : public InOrderMethod {
+class RecvLargeDataClient : public IServerMethod {
  public:
-  // `deliver` gets each complete result, encoded, on the pool thread that brought its last slice.
+  // `deliver` gets each complete result, encoded, on the thread that has brought its last slice.
   using Deliver = std::function<void(int key, std::string result)>;
   explicit RecvLargeDataClient(Deliver deliver);
 
-  // One slice, out of turn. Adds nothing to the reply.
-  void OnCall(int client_id, MIVOParams* request, MIVOParams* reply) override;
+  // One slice, encoded, in the order in which they arrive. Quick: for the thread that reads.
+  void Take(int connection_id, std::string_view slice);
 
-  // The same in its turn.
-  std::unique_ptr<IServerMethod> Arrive(std::string_view arguments) override;
+  // The connection has gone, and its unfinished results with it.
+  void Forget(int connection_id) { partial_.Forget(connection_id); }
+
+  // The same as Take. Adds nothing to the reply.
+  void OnCall(int connection_id, MIVOParams* request, MIVOParams* reply) override;
 
  private:
-  class Turn;
-  void Take(int key, std::optional<std::string> whole);
-
   const Deliver deliver_;
-  PartialTable partial_table_;
+  PartialTable partial_;
 };
 
 }  // namespace mivo

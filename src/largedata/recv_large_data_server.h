@@ -1,42 +1,60 @@
-// Receives large requests on a server, has them served, and sends the results back the same way.
+// Receives large requests on a server, has them served, and gives their results to be sent back.
 #ifndef MIVO_LARGEDATA_RECV_LARGE_DATA_SERVER_H_
 #define MIVO_LARGEDATA_RECV_LARGE_DATA_SERVER_H_
 
+#include <mivo/handler.h>
+
 #include <functional>
-#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
-#include "calls/in_order_method.h"
 #include "largedata/partial_table.h"
 
 namespace mivo {
 
-class RecvLargeDataServer : public InOrderMethod {
+class RecvLargeDataServer : public IServerMethod {
  public:
   // Calls the method `name` of the server.
   using Dispatch = std::function<void(const std::string& name, int client_id, MIVOParams* request, MIVOParams* result)>;
-  // Sends one slice to the client and waits for its answer; false if none came.
-  using SendSlice = std::function<bool(int client_id, int key, MIVOParams* slice)>;
-  RecvLargeDataServer(Dispatch dispatch, SendSlice send_slice);
+  explicit RecvLargeDataServer(Dispatch dispatch);
 
-  // One slice, out of turn: the method of a large message may be this receiver again. The last slice is answered after
-  // the whole result was sent back.
+  // One slice, encoded, in the order in which they arrive. The message that it completes, if it does. Quick: for the
+  // thread that reads.
+  struct Whole {
+    int key;
+    std::string bytes;
+  };
+  std::optional<Whole> Take(int client_id, std::string_view slice);
+
+  // Serves a message: its results, encoded, in the order in which they are to be sent back, and what is answered to the
+  // slice that has completed it. One for the message itself; before it those of messages that it held.
+  struct Served {
+    std::vector<std::string> results;
+    std::string reply;
+  };
+  Served Serve(int client_id, Whole whole);
+
+  // The client has gone, and its unfinished messages with it.
+  void Forget(int client_id) { partial_.Forget(client_id); }
+  // All clients have gone.
+  void ForgetAll() { partial_.ForgetAll(); }
+
+  // A slice that came inside a large message: the method of one may be this receiver again. Its results are sent back
+  // with those of the outer message.
   void OnCall(int client_id, MIVOParams* request, MIVOParams* reply) override;
 
-  // The same in its turn.
-  std::unique_ptr<IServerMethod> Arrive(std::string_view arguments) override;
-
  private:
-  class Turn;
-  void Answer(int client_id, int key, std::optional<std::string> bytes, MIVOParams* reply);
-  void ServeWhole(int client_id, int key, MIVOParams* whole);
+  void Answer(int client_id, std::optional<Whole> whole, MIVOParams* reply, std::vector<std::string>* results);
+  void ServeWhole(int client_id, int key, MIVOParams* whole, std::vector<std::string>* results);
 
   const Dispatch dispatch_;
-  const SendSlice send_slice_;
-  PartialTable partial_table_;
+  PartialTable partial_;
 };
+
+// What is answered to a slice that completes nothing.
+std::string AnswerToSlice();
 
 }  // namespace mivo
 

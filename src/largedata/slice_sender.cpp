@@ -19,11 +19,15 @@ constexpr std::size_t kLongestSlice = kLongestPayload - 512;
 
 }  // namespace
 
+std::size_t SliceSizeOfTransfer() {
+  return std::min(static_cast<std::size_t>(SliceSizeToUse()), kLongestSlice);
+}
+
 bool SendInSlices(const std::string& whole, int key, const std::function<bool(MIVOParams* slice)>& send) {
   // The total travels as a signed 32-bit number: a longer message ends the program rather than wrap.
   if (whole.size() > kLongestWhole) std::abort();
   const int total_size = static_cast<int>(whole.size());
-  const std::size_t slice_size = std::min(static_cast<std::size_t>(SliceSizeToUse()), kLongestSlice);
+  const std::size_t slice_size = SliceSizeOfTransfer();
 
   std::string_view rest = whole;
   bool is_last = false;

@@ -4,6 +4,7 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <array>
 #include <cassert>
 #include <cerrno>
 #include <new>
@@ -82,53 +83,57 @@ EventLoop::~EventLoop() {
 }
 
 int EventLoop::Open() {
-  const int status = InitLoop(&loop_);
+  int status = InitLoop(&loop_);
   if (status < 0) return status;
   open_ = true;
+  {
+    MutexLock lock(mutex_);
+    status = wake_.Open(this, [this](uv_async_t* handle) {
+      return uv_async_init(&loop_, handle, [](uv_async_t* async) {
+        if (async->data != nullptr) static_cast<EventLoop*>(async->data)->RunTasks();
+      });
+    });
+  }
+  if (status < 0) Close();
+  return status;
+}
 
-  // Jobs from timers must run before the loop waits, jobs from reads and finished work right after it has waited.
-  before_wait_.Open(this, [this](uv_prepare_t* handle) { return uv_prepare_init(&loop_, handle); });
-  after_wait_.Open(this, [this](uv_check_t* handle) { return uv_check_init(&loop_, handle); });
-  uv_prepare_start(before_wait_.get(), [](uv_prepare_t* handle) {
-    if (handle->data != nullptr) static_cast<EventLoop*>(handle->data)->RunTurnEndJobs();
-  });
-  uv_check_start(after_wait_.get(), [](uv_check_t* handle) {
-    if (handle->data != nullptr) static_cast<EventLoop*>(handle->data)->RunTurnEndJobs();
-  });
-  uv_unref(reinterpret_cast<uv_handle_t*>(before_wait_.get()));
-  uv_unref(reinterpret_cast<uv_handle_t*>(after_wait_.get()));
-  return 0;
+bool EventLoop::Post(std::function<void()> task) {
+  MutexLock lock(mutex_);
+  if (!wake_) return false;
+  tasks_.push_back(std::move(task));
+  // One wake-up for all that come before the loop looks.
+  if (tasks_.size() == 1) uv_async_send(wake_.get());
+  return true;
+}
+
+void EventLoop::RunTasks() {
+  std::vector<std::function<void()>> tasks;
+  {
+    MutexLock lock(mutex_);
+    tasks.swap(tasks_);
+  }
+  for (std::function<void()>& task : tasks)
+    task();
+}
+
+void EventLoop::Shut() {
+  RunTasks();
+  std::vector<std::function<void()>> late;
+  {
+    MutexLock lock(mutex_);
+    wake_.Close();
+    late.swap(tasks_);
+  }
 }
 
 void EventLoop::Run() {
   uv_run(&loop_, UV_RUN_DEFAULT);
 }
 
-void EventLoop::RunUntil(const std::function<bool()>& done) {
-  while (!done())
-    uv_run(&loop_, UV_RUN_ONCE);
-}
-
-void EventLoop::AtTurnEnd(std::function<void()> job) {
-  turn_end_jobs_.push_back(std::move(job));
-}
-
-void EventLoop::RunTurnEndJobs() {
-  // A job may add further ones.
-  while (!turn_end_jobs_.empty()) {
-    std::vector<std::function<void()>> jobs;
-    jobs.swap(turn_end_jobs_);
-    for (std::function<void()>& job : jobs)
-      job();
-  }
-}
-
 void EventLoop::Close() {
   if (!open_) return;
-  Run();
-  RunTurnEndJobs();
-  before_wait_.Close();
-  after_wait_.Close();
+  Shut();
   Run();
   const int status = uv_loop_close(&loop_);
   assert(status == 0 && "a handle was left open");

@@ -1,15 +1,15 @@
-// A libuv loop, the thread that runs it, and the end of its turns.
+// A libuv loop, the thread that runs it, and what other threads ask of it.
 #ifndef MIVO_LOOP_EVENT_LOOP_H_
 #define MIVO_LOOP_EVENT_LOOP_H_
 
 #include <uv.h>
 
-#include <array>
 #include <atomic>
 #include <functional>
 #include <thread>
 #include <vector>
 
+#include "base/mutex.h"
 #include "loop/handle.h"
 
 namespace mivo {
@@ -37,41 +37,41 @@ class EventLoop {
   };
 
   // Whether the calling thread is the one that runs this loop now. Any thread.
-  bool InThread() const { return thread_.load() == std::this_thread::get_id(); }
+  bool InThread() const { return thread_.load(std::memory_order_relaxed) == std::this_thread::get_id(); }
 
-  // Whether the calling thread runs any loop of this library.
+  // Whether the calling thread runs a loop of the library's at all. Others may be waiting for that one.
   static bool InAnyThread();
 
-  // Loop thread. Runs until no handle and no work is left / until `done` holds.
+  // Any thread. Has the loop thread run `task`, after those posted before it. False before Open and after Shut: the
+  // task was not taken. One that was taken runs, unless the loop is shut before its turn comes.
+  bool Post(std::function<void()> task);
+
+  // Loop thread, or nobody runs the loop. Runs what was posted so far, then takes no more. The loop runs until this was
+  // called and every other handle is closed. May be repeated.
+  void Shut();
+
+  // Loop thread. Turns the loop until nothing is left that could happen.
   void Run();
-  void RunUntil(const std::function<bool()>& done);
 
-  // Loop thread. Runs `job` once before the loop waits for events again. What many callbacks of one turn have collected
-  // is thus carried out together, and an object can be destroyed outside its own callback.
-  void AtTurnEnd(std::function<void()> job);
-
-  // Loop thread, or nobody runs the loop. All handles of others must be closed or closing: waits for their callbacks
-  // and for work on the pool, then closes the loop. May be repeated.
+  // Loop thread, or nobody runs the loop. All handles of others must be closed or closing: shuts the loop, waits for
+  // their callbacks, then closes it. May be repeated.
   void Close();
-
-  // Loop thread. libuv asks for a buffer, reads into it and delivers it before it asks again, and nobody keeps a chunk
-  // beyond its delivery: one buffer serves every stream of the loop.
-  uv_buf_t ReadBuffer() { return uv_buf_init(read_buffer_.data(), static_cast<unsigned int>(read_buffer_.size())); }
 
   bool is_open() const { return open_; }
   uv_loop_t* uv() { return &loop_; }
 
  private:
-  void RunTurnEndJobs();
+  void RunTasks();
 
   uv_loop_t loop_{};
   bool open_ = false;
   // Written by the thread that starts or stops running the loop, read by any that asks whether it is the one.
   std::atomic<std::thread::id> thread_{};
-  Handle<uv_prepare_t> before_wait_;
-  Handle<uv_check_t> after_wait_;
-  std::vector<std::function<void()>> turn_end_jobs_;
-  std::array<char, 65536> read_buffer_;
+
+  Mutex mutex_;
+  // libuv forbids waking through a closed handle: the lock makes "still there" and "wake" one step.
+  Handle<uv_async_t> wake_ MIVO_GUARDED_BY(mutex_);
+  std::vector<std::function<void()>> tasks_ MIVO_GUARDED_BY(mutex_);
 };
 
 }  // namespace mivo

@@ -4,7 +4,7 @@
 #include <system_error>
 #include <utility>
 
-#include "base/sigpipe_guard.h"
+#include "base/library_thread.h"
 
 namespace mivo {
 
@@ -12,10 +12,7 @@ bool LoopThread::Start(std::function<void()> body) {
   MutexLock lock(mutex_);
   assert(!thread_.joinable());
   try {
-    thread_ = std::thread([run = std::move(body)] {
-      const SigpipeGuard guard;
-      run();
-    });
+    thread_ = StartThread(name_, std::move(body));
   } catch (const std::system_error&) {
     return false;
   }

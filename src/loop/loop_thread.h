@@ -9,10 +9,11 @@
 
 namespace mivo {
 
-// SIGPIPE is blocked on it: libuv writes to sockets whose peer may be gone, and the signal would end the program.
+// SIGPIPE is blocked on it, and in what is started there.
 class LoopThread {
  public:
-  LoopThread() = default;
+  // `name` is seen by debuggers; it outlives this object and has at most 15 characters.
+  explicit LoopThread(const char* name) : name_(name) {}
   ~LoopThread() { Join(); }
   LoopThread(const LoopThread&) = delete;
   LoopThread& operator=(const LoopThread&) = delete;
@@ -24,6 +25,7 @@ class LoopThread {
   void Join();
 
  private:
+  const char* const name_;
   Mutex mutex_;
   std::thread thread_ MIVO_GUARDED_BY(mutex_);
 };

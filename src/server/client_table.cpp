@@ -1,8 +1,11 @@
 #include "server/client_table.h"
 
 #include <unistd.h>
+#include <uv.h>
 
 #include <utility>
+
+#include "base/clock.h"
 
 namespace mivo {
 
@@ -12,79 +15,107 @@ namespace {
 std::atomic<int> accepted_local{0};
 std::atomic<int> accepted_tcp{0};
 
+constexpr std::int64_t kDrainMs = 500;
+
 }  // namespace
 
-ClientTable::ClientTable(EventLoop& loop, Listener& listener, PrintObject& print, Events events, int (*next_id)())
-    : loop_(loop), listener_(listener), print_(print), events_(std::move(events)), next_id_(next_id) {}
+ClientTable::ClientTable(JobGroup& jobs, Diagnostics& print, Events events, int (*next_id)())
+    : jobs_(jobs), print_(print), events_(std::move(events)), next_id_(next_id) {}
 
-void ClientTable::OnIncoming(int descriptor) {
+void ClientTable::OnIncoming(int descriptor, Endpoint::Kind kind) {
   if (descriptor < 0) {
     print_.Error("New client connection error...\n");
     return;
   }
-  const auto connection = std::make_shared<Connection>(loop_, static_cast<Connection::Owner&>(*this), UnusedId());
-  const int id = connection->id();
-  events_.connected(id);
-  // The notice may have closed the server.
   if (closed_) {
     ::close(descriptor);
     return;
   }
-  if (connection->Adopt(descriptor, listener_.kind()) < 0) {
+  const auto connection = std::make_shared<Connection>(static_cast<Connection::Owner&>(*this), jobs_, UnusedId());
+  connection->PauseReadingWhenFull();
+  const int id = connection->id();
+  // Listed before it is announced: whoever hears of it from the notice may call it at once.
+  const std::size_t count = Enter(connection);
+  const int opened = connection->Open(descriptor);
+  arriving_ = id;
+  events_.connected(id);
+  arriving_ = 0;
+  // The notice may have closed the server, and this connection with the others.
+  if (closed_) return;
+  if (opened < 0) {
+    Remove(id);
     print_.Error("Accept error... .\n");
     return;
   }
-  clients_[id].connection = connection;
-  if (listener_.kind() == Endpoint::kLocal) {
+  if (kind == Endpoint::kLocal) {
     print_.Debug("Accept success: %d client id: %d all count: \n", accepted_local++, id);
   } else {
-    print_.Debug("Accept success: %d client id: %d all count:%d \n", accepted_tcp++, id,
-                 static_cast<int>(clients_.size()));
+    print_.Debug("Accept success: %d client id: %d all count:%d \n", accepted_tcp++, id, static_cast<int>(count));
   }
-  if (connection->is_closed()) return;
-  const int reading = connection->StartReading();
-  if (reading < 0) OnEnd(*connection, reading);
+  if (!connection->is_closed()) connection->StartReading();
+}
+
+std::size_t ClientTable::Enter(const std::shared_ptr<Connection>& connection) {
+  MutexLock lock(mutex_);
+  clients_[connection->id()] = connection;
+  return clients_.size();
+}
+
+void ClientTable::Remove(int client_id) {
+  MutexLock lock(mutex_);
+  clients_.erase(client_id);
 }
 
 // A client may stay for so long that the ids come round.
-int ClientTable::UnusedId() const {
+int ClientTable::UnusedId() {
   int id = 0;
   do {
     id = next_id_();
-  } while (clients_.count(id) != 0);
+  } while (Find(id) != nullptr);
   return id;
 }
 
-std::shared_ptr<Connection> ClientTable::Find(int client_id) const {
-  const auto found = clients_.find(client_id);
-  return found == clients_.end() ? nullptr : found->second.connection;
+std::shared_ptr<Connection> ClientTable::Find(int client_id) {
+  MutexLock lock(mutex_);
+  const Table::iterator found = clients_.find(client_id);
+  return found == clients_.end() ? nullptr : found->second;
 }
 
 void ClientTable::Close() {
   closed_ = true;
-  std::unordered_map<int, Client> clients;
-  clients.swap(clients_);
-  for (const auto& [id, client] : clients)
-    client.connection->Close();
+  Table clients;
+  {
+    MutexLock lock(mutex_);
+    clients.swap(clients_);
+  }
+  // One deadline for all: while one is waited for, the pool writes on to the others.
+  const std::int64_t deadline_ms = NowMs() + kDrainMs;
+  for (const auto& [id, connection] : clients)
+    connection->Drain(deadline_ms);
+  for (const auto& [id, connection] : clients)
+    connection->Close();
 }
 
-void ClientTable::OnRead(Connection& connection) {
-  const auto found = clients_.find(connection.id());
-  if (found == clients_.end() || found->second.has_read) return;
-  found->second.has_read = true;
+void ClientTable::OnFirstRead(Connection&) {
   ++read_count_;
 }
 
-void ClientTable::OnPayload(Connection& connection, std::string_view payload) {
-  events_.payload(connection.shared_from_this(), payload);
+void ClientTable::OnPayload(Connection& connection, std::string_view payload, Jobs& jobs) {
+  events_.payload(connection, payload, jobs);
 }
 
 void ClientTable::OnEnd(Connection& connection, int status) {
-  if (status != UV_EOF && status != 0) print_.Error("Read error %s\n", uv_err_name(status));
-  events_.closed(connection.id());
-  clients_.erase(connection.id());
-  print_.Debug("Client Close: %d\n", connection.id());
-  connection.Close();
+  events_.on_loop([this, id = connection.id(), status] { SeeOff(id, status); });
+}
+
+void ClientTable::SeeOff(int client_id, int status) {
+  const std::shared_ptr<Connection> connection = Find(client_id);
+  if (connection == nullptr) return;
+  if (status < 0) print_.Error("Read error %s\n", uv_err_name(status));
+  events_.closed(client_id);
+  Remove(client_id);
+  print_.Debug("Client Close: %d\n", client_id);
+  connection->Close();
 }
 
 }  // namespace mivo

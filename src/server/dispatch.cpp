@@ -1,7 +1,5 @@
 #include "server/dispatch.h"
 
-#include <string_view>
-
 #include "calls/handler_run.h"
 #include "transport/builtin_keys.h"
 #include "transport/connection.h"
@@ -11,18 +9,6 @@ namespace mivo {
 
 namespace {
 
-bool IsOurBanner(const MIVOValue* value) {
-  if (value == nullptr || !value->IsString()) return false;
-  long length = 0;
-  const char* const bytes = value->GetStream(length);
-  return std::string_view(bytes, static_cast<std::size_t>(length)) == kVersionBanner;
-}
-
-void AnswerVersion(const MIVOParams& request, MIVOParams* reply) {
-  reply->AddBool(IsOurBanner(request.GetMap(kVersionKey)));
-  reply->AddKeyValueString(kVersionKey, kVersionBanner);
-}
-
 // Names with a meaning of their own never reach the catch-all, handler or not.
 bool IsReserved(const std::string& name) {
   return name == kVersionMethod || name == kClosedNotice || name == kConnectNotice;
@@ -31,22 +17,18 @@ bool IsReserved(const std::string& name) {
 }  // namespace
 
 void Dispatch::Serve(const Request& request, MIVOParams* reply) {
-  IServerMethod* handler = FindHandler(handlers_, request);
   MIVOParams arguments;
-  if (handler == nullptr || handler != request.in_its_place.get()) ReadArguments(request, &arguments);
+  ReadArguments(request, &arguments);
   const int client_id = request.connection->id();
+  IServerMethod* handler = handlers_.Find(request.name);
 
-  IMethodAll* const catch_all = handlers_.CatchAll();
-  if (catch_all != nullptr && handler == nullptr && !IsReserved(request.name)) {
+  IMethodAll* const catch_all = handler == nullptr ? handlers_.CatchAll() : nullptr;
+  if (catch_all != nullptr && !IsReserved(request.name)) {
     RunCatchAll(*catch_all, {server_, print_, request.name, client_id, &arguments, reply});
     // It may have registered one.
-    handler = FindHandler(handlers_, request);
+    handler = handlers_.Find(request.name);
   }
-  if (request.name == kVersionMethod) {
-    AnswerVersion(arguments, reply);
-  } else {
-    Call(handler, request.name, client_id, &arguments, reply);
-  }
+  Call(handler, request.name, client_id, &arguments, reply);
   AppendServerReplyTail(*reply->GetParamas(), request.envelope);
 }
 

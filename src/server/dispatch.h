@@ -6,16 +6,16 @@
 
 #include <string>
 
+#include "calls/diagnostics.h"
 #include "calls/handler_table.h"
-#include "calls/request_work.h"
-#include "transport/print_object.h"
+#include "calls/request_job.h"
 
 namespace mivo {
 
 // Any thread: requests come on the pool, notices on the loop thread.
 class Dispatch : public RequestServer {
  public:
-  Dispatch(const void* server, PrintObject& print, HandlerTable& handlers)
+  Dispatch(const void* server, Diagnostics& print, HandlerTable& handlers)
       : server_(server), print_(print), handlers_(handlers) {}
 
   // One request: arguments, catch-all, handler, and the reply's tail.
@@ -32,7 +32,7 @@ class Dispatch : public RequestServer {
   void Call(IServerMethod* handler, const std::string& name, int client_id, MIVOParams* request, MIVOParams* reply);
 
   const void* const server_;
-  PrintObject& print_;
+  Diagnostics& print_;
   HandlerTable& handlers_;
 };
 

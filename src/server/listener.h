@@ -6,12 +6,12 @@
 
 #include <functional>
 
+#include "calls/diagnostics.h"
 #include "loop/event_loop.h"
 #include "loop/handle.h"
 #include "loop/timer.h"
 #include "server/socket_file.h"
 #include "transport/endpoint.h"
-#include "transport/print_object.h"
 
 namespace mivo {
 
@@ -21,7 +21,7 @@ namespace mivo {
 // connects meanwhile waits in the socket's queue.
 class Listener {
  public:
-  Listener(EventLoop& loop, PrintObject& print) : loop_(loop), print_(print) {}
+  Listener(EventLoop& loop, Diagnostics& print) : loop_(loop), print_(print) {}
   ~Listener() { Close(); }
   Listener(const Listener&) = delete;
   Listener& operator=(const Listener&) = delete;
@@ -46,7 +46,7 @@ class Listener {
   void TryToResume();
 
   EventLoop& loop_;
-  PrintObject& print_;
+  Diagnostics& print_;
   std::function<void(int descriptor)> on_incoming_;
   Endpoint::Kind kind_ = Endpoint::kLocal;
   int socket_ = -1;

@@ -7,8 +7,8 @@
 #include <utility>
 
 #include "base/call_key.h"
-#include "base/detached_thread.h"
 #include "base/handler_scope.h"
+#include "base/library_thread.h"
 #include "base/one_shot.h"
 #include "largedata/slice_size.h"
 #include "server/serving.h"
@@ -19,7 +19,6 @@ namespace mivo {
 namespace {
 
 constexpr int kDefaultTimeoutStepMs = 100;
-constexpr int kSliceTimeoutMs = 500;
 // Promised: closeasync takes at least this long. Nothing relies on it.
 constexpr unsigned int kCloseAsyncPauseUs = 10000;
 
@@ -52,17 +51,12 @@ std::unique_ptr<RecvLargeDataServer> MIVOServer::MakeLargeDataReceiver() {
   return std::make_unique<RecvLargeDataServer>(
       [this](const std::string& name, int client_id, MIVOParams* request, MIVOParams* result) {
         dispatch_.CallMethod(name, client_id, request, result);
-      },
-      [this](int client_id, int key, MIVOParams* slice) { return SendSlice(client_id, key, slice); });
-}
-
-bool MIVOServer::SendSlice(int client_id, int key, MIVOParams* slice) {
-  return SendMsg(client_id, kSliceMethod, slice, key, kSliceTimeoutMs) != nullptr;
+      });
 }
 
 void MIVOServer::RegisterBuiltins() {
-  handlers_.RegisterInOrder(kSliceHeaderMethod, slice_header_receiver_.get());
-  handlers_.RegisterInOrder(kSliceMethod, slice_receiver_.get());
+  handlers_.RegisterBuiltin(kSliceHeaderMethod, slice_header_receiver_.get());
+  handlers_.RegisterBuiltin(kSliceMethod, slice_receiver_.get());
 }
 
 bool MIVOServer::StartMIVOServer(const char* name) {
@@ -78,7 +72,7 @@ bool MIVOServer::StartMIVOServerTcp6(const char* ip, const char* port) {
 }
 
 bool MIVOServer::Start(const Endpoint& endpoint) {
-  if (isok() || IsInsideItself()) return false;
+  if (!IsOfThisProcess() || isok() || IsInsideItself()) return false;
   MutexLock lock(start_mutex_);
   if (const std::shared_ptr<Serving> old = CurrentServing()) {
     if (old->is_running()) return false;
@@ -89,7 +83,8 @@ bool MIVOServer::Start(const Endpoint& endpoint) {
   RegisterBuiltins();
   port_ = PortNumber(endpoint.name);
 
-  auto serving = std::make_shared<Serving>(ServerParts{this, print_, handlers_, replies_, dispatch_, timeout_step_ms_});
+  auto serving = std::make_shared<Serving>(ServerParts{this, print_, handlers_, replies_, dispatch_, *slice_receiver_,
+                                                       *slice_header_receiver_, timeout_step_ms_});
   if (!serving->Start(endpoint)) return false;
   MutexLock serving_lock(serving_mutex_);
   serving_.swap(serving);
@@ -111,7 +106,7 @@ bool MIVOServer::InitMIVOServerTcp6(const char* ip, const char* port) {
 }
 
 bool MIVOServer::StartOnThread(const char* port, const std::function<bool(const char* port)>& start) {
-  if (isok() || IsInsideItself()) return false;
+  if (!IsOfThisProcess() || isok() || IsInsideItself()) return false;
   MutexLock lock(init_mutex_);
   if (isok()) return false;
   thread_.Join();  // of an earlier start that has ended
@@ -169,41 +164,47 @@ bool MIVOServer::IsInsideItself() {
 }
 
 std::shared_ptr<Serving> MIVOServer::CurrentServing() {
+  if (!IsOfThisProcess()) return nullptr;
   MutexLock lock(serving_mutex_);
   return serving_;
 }
 
 MIVOParams* MIVOServer::SendMsg(int clientId, const char* name, MIVOParams* params, int key, int timeout) {
-  const Presence::Scope inside(callers_);
-  const std::shared_ptr<Serving> serving = CurrentServing();
-  if (!serving || !serving->is_running()) {
-    print_.Error("send msg: disconnect... .. .\n");
-    return nullptr;
+  if (IsOfThisProcess()) {
+    const Presence::Scope inside(callers_);
+    const std::shared_ptr<Serving> serving = CurrentServing();
+    if (serving && serving->is_running()) {
+      const ReplyPlace place(CallKey(key), clientId);
+      replies_.BeginCall(place);
+      std::optional<std::string> reply = serving->calls().Call(clientId, TextOrEmpty(name), params, place.key, timeout);
+      return reply ? replies_.Collect(place, std::move(*reply)) : replies_.CollectStored(place);
+    }
   }
-  const int call_key = CallKey(key);
-  replies_.BeginCall(call_key);
-  std::optional<std::string> reply = serving->calls().Call(clientId, TextOrEmpty(name), params, call_key, timeout);
-  return reply ? replies_.Collect(call_key, std::move(*reply)) : replies_.CollectStored(call_key);
+  print_.Error("send msg: disconnect... .. .\n");
+  return nullptr;
 }
 
 int MIVOServer::PostMsg(int clientId, const char* name, MIVOParams* params, int key) {
-  const Presence::Scope inside(callers_);
-  const std::shared_ptr<Serving> serving = CurrentServing();
-  if (serving && serving->is_running()) {
-    serving->calls().Post(clientId, TextOrEmpty(name), params, CallKey(key));
-  } else {
-    print_.Error("send msg: disconnect... .. .\n");
+  if (IsOfThisProcess()) {
+    const Presence::Scope inside(callers_);
+    const std::shared_ptr<Serving> serving = CurrentServing();
+    if (serving && serving->is_running()) {
+      serving->calls().Post(clientId, TextOrEmpty(name), params, CallKey(key));
+      return 0;
+    }
   }
+  print_.Error("send msg: disconnect... .. .\n");
   return 0;
 }
 
 void MIVOServer::ClearRetvalMem() {
+  if (!IsOfThisProcess()) return;
   replies_.Clear();
 }
 
 void MIVOServer::method(const char* name, IServerMethod* handler) {
   if (name != nullptr && std::strcmp(name, kLogSink) == 0) {
-    print_.SetSink(handler);
+    print_.sink().Set(handler);
   } else {
     handlers_.Register(name, handler);
   }
@@ -264,7 +265,7 @@ void DestroyServer(IServer* server) {
   if (own != nullptr && own->IsInsideItself()) {
     // The end has to wait for the handler that we are called from.
     // Without a thread for it, it only ends, and its memory is lost.
-    if (!mivo::RunDetached(destroy)) server->closeasync();
+    if (!mivo::RunDetached("mivo-destroy", destroy)) server->closeasync();
   } else {
     destroy();
   }

@@ -12,13 +12,13 @@
 #include "base/mutex.h"
 #include "base/presence.h"
 #include "base/process.h"
+#include "calls/diagnostics.h"
 #include "calls/handler_table.h"
 #include "calls/reply_table.h"
 #include "largedata/recv_large_data_server.h"
 #include "loop/loop_thread.h"
 #include "server/dispatch.h"
 #include "transport/endpoint.h"
-#include "transport/print_object.h"
 
 namespace mivo {
 
@@ -63,20 +63,20 @@ class MIVOServer : public IServer {
  private:
   bool Start(const Endpoint& endpoint);
   bool StartOnThread(const char* port, const std::function<bool(const char* port)>& start);
-  bool SendSlice(int client_id, int key, MIVOParams* slice);
   std::unique_ptr<RecvLargeDataServer> MakeLargeDataReceiver();
   void RegisterBuiltins();
+  // Null in a child of fork: what its copy of the server looks like is not to be asked.
   std::shared_ptr<Serving> CurrentServing();
 
   const ProcessMark process_;
-  PrintObject print_;
+  Diagnostics print_;
   HandlerTable handlers_{HandlerTable::Rules::kOfAServer};
   ReplyTable replies_{ReplyTable::Retention::kStale};
   Dispatch dispatch_;
   const std::unique_ptr<RecvLargeDataServer> slice_header_receiver_;
   const std::unique_ptr<RecvLargeDataServer> slice_receiver_;
   Presence callers_;
-  LoopThread thread_;
+  LoopThread thread_{"mivo-server"};
 
   // Written by the operations that set them, read by any thread.
   std::atomic<int> port_{0};

@@ -7,36 +7,42 @@
 #include <string_view>
 
 #include "base/mutex.h"
+#include "calls/diagnostics.h"
 #include "calls/handler_table.h"
 #include "calls/reply_table.h"
+#include "largedata/recv_large_data_server.h"
 #include "loop/event_loop.h"
-#include "loop/wakeup.h"
-#include "loop/work_queue.h"
-#include "server/client_calls.h"
+#include "pool/job.h"
+#include "server/calls_to_clients.h"
 #include "server/client_table.h"
 #include "server/dispatch.h"
 #include "server/listener.h"
 #include "transport/endpoint.h"
-#include "transport/print_object.h"
 
 namespace mivo {
 
 // What outlives a stretch of serving and belongs to its server.
 struct ServerParts {
   const void* server;
-  PrintObject& print;
+  Diagnostics& print;
   HandlerTable& handlers;
   ReplyTable& replies;
   Dispatch& dispatch;
+  RecvLargeDataServer& slices;
+  RecvLargeDataServer& slice_headers;  // the same under a second name
   const std::atomic<int>& timeout_step_ms;
 };
 
+// Requests are read, served and answered by the pool, and calls to clients go from their own threads. The loop accepts,
+// sweeps, runs the notices, and ends what there is.
+//
 // Who runs the loop is the application's choice: a thread of the server's, one of its own, or none at all between the
 // start and the end. So the loop's objects belong to whoever has taken hold of it: Start and Run take hold, and so does
 // a close when nobody else has. Anybody else asks the holder.
 //
-//   Close             requests that wait for the pool dropped, handlers out of the table, queue written and shut,
-//                     callers woken, handles closed. Handlers that run still finish; their replies are dropped.
+//   Close             isok is false; connections written out and closed, callers woken, the rest of the handles closed;
+//                     requests that no pool thread has begun dropped; handlers out of the table. Handlers that run
+//                     still finish; their replies are dropped.
 //   the loop's end    nothing runs any more: the handlers are deleted.
 class Serving {
  public:
@@ -55,15 +61,19 @@ class Serving {
   void Close(Wait wait);
 
   // Any thread. Asks the thread that serves, or will serve, to close.
-  void RequestClose() { close_request_.Send(); }
+  void RequestClose() {
+    loop_.Post([this] { CloseHere(); });
+  }
 
   // Any thread. True from the start until the close.
   bool is_running() const { return running_; }
   bool InThread() const { return loop_.InThread(); }
-  ClientCalls& calls() { return calls_; }
+  CallsToClients& calls() { return calls_; }
   int read_count() const { return clients_.read_count(); }
 
  private:
+  class LargeRequestJob;
+
   // Whoever holds the loop may touch what belongs to it.
   bool TryTakeLoop();
   void TakeLoop();
@@ -71,18 +81,21 @@ class Serving {
 
   void CloseHere();
   void CloseHandles();
-  void DoQueueWork(const std::shared_ptr<Connection>& client, std::string_view payload);
-  void AnswerCloseServer(Connection& client, const Envelope& request);
   void Notify(const char* name, int client_id);
   void PublishPort(const std::string& name);
+  void ForgetClient(int client_id);
+
+  // The thread that reads.
+  void TakePayload(Connection& client, std::string_view payload, Jobs& jobs);
+  void TakeSlice(RecvLargeDataServer& receiver, Connection& client, std::string_view payload, const Envelope& envelope,
+                 Jobs& jobs);
 
   const ServerParts parts_;
   EventLoop loop_;
-  WorkQueue work_;
-  Wakeup close_request_;
+  JobGroup jobs_;
   Listener listener_;
   ClientTable clients_;
-  ClientCalls calls_;
+  CallsToClients calls_;
 
   // Loop thread only.
   bool closing_ = false;

@@ -1,12 +1,11 @@
 #include "server/socket_file.h"
+#include "base/standard_output.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <utility>
-
-#include "transport/print_object.h"
 
 namespace mivo {
 

@@ -91,6 +91,14 @@ std::string EncodeRequest(std::string_view name, int key, const MIVOParams* para
   return out;
 }
 
+std::string CloseAnswer(int key) {
+  std::string reply;
+  AppendBool(reply, true);
+  AppendKeyValueString(reply, kNameKey, kRetval);
+  AppendKeyValueInt(reply, kThreadIdKey, key);
+  return reply;
+}
+
 void AppendServerReplyTail(std::string& reply, const Envelope& request) {
   AppendKeyValueString(reply, kNameKey, kRetval);
   if (request.thread_id) AppendKeyValueInt(reply, kThreadIdKey, *request.thread_id);

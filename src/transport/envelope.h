@@ -30,6 +30,9 @@ Envelope MoveEnvelope(const Envelope& envelope, std::string_view from, std::stri
 // One that no frame can hold ends the program.
 std::string EncodeRequest(std::string_view name, int key, const MIVOParams* params, std::uintptr_t token);
 
+// What a server answers, at once, to a request that names kCloseServerMethod. It closes nothing, and names no waiter.
+std::string CloseAnswer(int key);
+
 // Completes a reply that a server's handler has filled: name, then key and token if the request had them.
 void AppendServerReplyTail(std::string& reply, const Envelope& request);
 

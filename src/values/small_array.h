@@ -35,6 +35,8 @@ class SmallArray {
  private:
   void Grow() {
     const std::size_t bytes = 2 * std::size_t{capacity_} * sizeof(Element);
+    // Wrapped around: there is no memory for that many.
+    if (bytes == 0) throw std::bad_alloc();
     void* const grown = elements_ == few_ ? std::malloc(bytes) : std::realloc(elements_, bytes);
     if (grown == nullptr) throw std::bad_alloc();
     if (elements_ == few_) std::memcpy(grown, few_, sizeof few_);
@@ -45,7 +47,7 @@ class SmallArray {
   std::uint32_t size_ = 0;
   std::uint32_t capacity_ = kFew;
   Element* elements_ = few_;
-  Element few_[kFew];
+  Element few_[kFew] = {};
 };
 
 }  // namespace mivo

@@ -3,17 +3,21 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <pthread.h>
+#include <sys/epoll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <uv.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <mutex>
 #include <utility>
+#include <vector>
 
 namespace mivo_test {
 namespace {
@@ -65,6 +69,9 @@ int ErrorOfThisCall(Fault fault) {
   return plan.error;
 }
 
+// Bytes that one sendmsg takes at most; 0: as many as the kernel does.
+std::atomic<std::size_t> most_of_a_send{0};
+
 template <typename Function>
 Function Real(const char* name) {
   return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
@@ -111,6 +118,14 @@ ScopedHook::~ScopedHook() {
   std::lock_guard<std::mutex> lock(Lock());
   ArmedOf(fault_).store(false, std::memory_order_relaxed);
   PlanOf(fault_) = Plan();
+}
+
+ScopedShortSends::ScopedShortSends(std::size_t most) {
+  most_of_a_send.store(most, std::memory_order_relaxed);
+}
+
+ScopedShortSends::~ScopedShortSends() {
+  most_of_a_send.store(0, std::memory_order_relaxed);
 }
 
 int ScopedFault::calls() const {
@@ -198,25 +213,6 @@ int uv_read_start(uv_stream_t* stream, uv_alloc_cb allocate, uv_read_cb read) {
   return error != 0 ? error : real(stream, allocate, read);
 }
 
-int uv_write(uv_write_t* request, uv_stream_t* stream, const uv_buf_t buffers[], unsigned int count,
-             uv_write_cb callback) {
-  static const auto real = Real<decltype(&uv_write)>("uv_write");
-  const int error = ErrorOfThisCall(Fault::kWrite);
-  return error != 0 ? error : real(request, stream, buffers, count, callback);
-}
-
-int uv_try_write(uv_stream_t* stream, const uv_buf_t buffers[], unsigned int count) {
-  static const auto real = Real<decltype(&uv_try_write)>("uv_try_write");
-  const int error = ErrorOfThisCall(Fault::kWrite);
-  return error != 0 ? error : real(stream, buffers, count);
-}
-
-int uv_queue_work(uv_loop_t* loop, uv_work_t* request, uv_work_cb work, uv_after_work_cb after) {
-  static const auto real = Real<decltype(&uv_queue_work)>("uv_queue_work");
-  const int error = ErrorOfThisCall(Fault::kQueueWork);
-  return error != 0 ? error : real(loop, request, work, after);
-}
-
 int uv_timer_init(uv_loop_t* loop, uv_timer_t* handle) {
   static const auto real = Real<decltype(&uv_timer_init)>("uv_timer_init");
   const int error = ErrorOfThisCall(Fault::kTimerInit);
@@ -289,6 +285,37 @@ int accept4(int listener, struct sockaddr* address, socklen_t* size, int flags) 
   static const auto real = Real<decltype(&accept4)>("accept4");
   const int error = ErrorOfThisCall(Fault::kAcceptCall);
   if (error == 0) return real(listener, address, size, flags);
+  errno = -error;
+  return -1;
+}
+
+ssize_t sendmsg(int descriptor, const struct msghdr* message, int flags) {
+  static const auto real = Real<decltype(&sendmsg)>("sendmsg");
+  const int error = ErrorOfThisCall(Fault::kSendCall);
+  if (error != 0) {
+    errno = -error;
+    return -1;
+  }
+  std::size_t left = mivo_test::most_of_a_send.load(std::memory_order_relaxed);
+  if (left == 0) return real(descriptor, message, flags);
+  std::vector<iovec> parts;
+  for (std::size_t i = 0; i < message->msg_iovlen && left > 0; ++i) {
+    parts.push_back(message->msg_iov[i]);
+    parts.back().iov_len = std::min(parts.back().iov_len, left);
+    left -= parts.back().iov_len;
+  }
+  msghdr shortened = *message;
+  shortened.msg_iov = parts.data();
+  shortened.msg_iovlen = parts.size();
+  return real(descriptor, &shortened, flags);
+}
+
+int epoll_ctl(int set, int operation, int descriptor, struct epoll_event* event) noexcept {
+  static const auto real = Real<decltype(&epoll_ctl)>("epoll_ctl");
+  // libuv's sets carry the descriptor, the library's a ticket.
+  const bool is_ours = operation == EPOLL_CTL_ADD && event->data.u64 != static_cast<std::uint64_t>(descriptor);
+  const int error = is_ours ? ErrorOfThisCall(Fault::kWatchCall) : 0;
+  if (error == 0) return real(set, operation, descriptor, event);
   errno = -error;
   return -1;
 }

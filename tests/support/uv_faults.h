@@ -4,6 +4,7 @@
 #define MIVO_TESTS_SUPPORT_UV_FAULTS_H_
 
 #include <chrono>
+#include <cstddef>
 #include <functional>
 #include <vector>
 
@@ -18,8 +19,6 @@ enum class Fault {
   kAsyncInit,
   kAccept,  // the connection that was to be accepted is gone, as after a real failure
   kReadStart,
-  kWrite,  // also uv_try_write, counted together
-  kQueueWork,
   kTimerInit,
   kTimerStart,
   kThreadCreate,  // of any thread, libuv's or not
@@ -30,6 +29,8 @@ enum class Fault {
   kListenCall,
   kConnectCall,
   kAcceptCall,     // accept4, libuv's or not: what waits goes on waiting
+  kSendCall,       // sendmsg
+  kWatchCall,      // epoll_ctl, where it adds a stream that the library reads from
   kListenerError,  // the connection callback is first called with the error, then as it would have been
   kCount
 };
@@ -64,6 +65,15 @@ class ScopedHook {
 
  private:
   const Fault fault_;
+};
+
+// While it lives, no sendmsg takes more than `most` bytes at a time. One at a time.
+class ScopedShortSends {
+ public:
+  explicit ScopedShortSends(std::size_t most);
+  ScopedShortSends(const ScopedShortSends&) = delete;
+  ScopedShortSends& operator=(const ScopedShortSends&) = delete;
+  ~ScopedShortSends();
 };
 
 }  // namespace mivo_test

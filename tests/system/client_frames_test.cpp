@@ -370,7 +370,7 @@ TEST_P(ClientFrames, AWriteThatFailsFourTimesIsDroppedAndTheConnectionStays) {
   ASSERT_TRUE(AnswersAndNothingElse());
   StdoutCapture output;
   {
-    const ScopedFault fault(Fault::kWrite, 1, 4, UV_ENOBUFS);
+    const ScopedFault fault(Fault::kSendCall, 1, 4, UV_ENOBUFS);
     EXPECT_EQ(client_->PostMsg("lost", nullptr, 1), 0);
     EXPECT_EQ(fault.calls(), 4);
     const auto times = fault.times();
@@ -386,15 +386,15 @@ TEST_P(ClientFrames, AWriteThatFailsFourTimesIsDroppedAndTheConnectionStays) {
   EXPECT_EQ(output.Text(), "write error\nwrite data error\n");
 }
 
-TEST_P(ClientFrames, ACallThatCannotBeWrittenRunsIntoItsTimeOut) {
+TEST_P(ClientFrames, ACallThatCannotBeWrittenHasNoReplyAndDoesNotWaitForOne) {
   ASSERT_TRUE(AnswersAndNothingElse());
   StdoutCapture output;
   SetLog(client_.get(), "", 0);
   {
-    const ScopedFault fault(Fault::kWrite, 1, 4, UV_ENOBUFS);
+    const ScopedFault fault(Fault::kSendCall, 1, 4, UV_ENOBUFS);
     const Stopwatch watch;
-    EXPECT_EQ(TakeError(client_->SendMsg("lost", nullptr, 9, 100)), -1001);
-    EXPECT_GE(watch.ElapsedMs(), 99);
+    EXPECT_EQ(TakeError(client_->SendMsg("lost", nullptr, 9, 60000)), -1001);
+    EXPECT_LT(watch.ElapsedMs(), 30000);
     EXPECT_EQ(fault.calls(), 4);
   }
   EXPECT_EQ(output.Text(), "write error\nwrite data error\n") << "at level zero, too";
@@ -405,7 +405,7 @@ TEST_P(ClientFrames, AWriteThatFailsUpToThreeTimesArrives) {
   ASSERT_TRUE(AnswersAndNothingElse());
   StdoutCapture output;
   for (int failures = 1; failures <= 3; ++failures) {
-    const ScopedFault fault(Fault::kWrite, 1, failures, UV_ENOBUFS);
+    const ScopedFault fault(Fault::kSendCall, 1, failures, UV_ENOBUFS);
     EXPECT_EQ(client_->PostMsg("foo", nullptr, 9), 0);
     EXPECT_EQ(Hex(peer_.ReadFrame().value_or("")), Hex(FromHex(exact::kPost)));
     const auto times = fault.times();
@@ -419,7 +419,7 @@ TEST_P(ClientFrames, AHandlersReplyThatCannotBeWrittenIsDroppedAndTheConnectionS
   ASSERT_TRUE(AnswersAndNothingElse());
   StdoutCapture output;
   {
-    const ScopedFault fault(Fault::kWrite, 1, 4, UV_ENOBUFS);
+    const ScopedFault fault(Fault::kSendCall, 1, 4, UV_ENOBUFS);
     ASSERT_TRUE(peer_.SendFrame(Note(1)));
     EXPECT_TRUE(output.WaitFor("write error\nwrite data error\n"));
   }

@@ -274,7 +274,7 @@ TEST_P(ClientHandlers, AReplyThatCannotBeWrittenIsReported) {
   ASSERT_TRUE(inside.WaitFor());
   const StdoutCapture out;
   {
-    const ScopedFault fault(Fault::kWrite, 1, 1000, UV_EIO);
+    const ScopedFault fault(Fault::kSendCall, 1, 1000, UV_EIO);
     release.Signal();
     EXPECT_TRUE(out.WaitFor("write data error\n"));
   }

@@ -490,11 +490,6 @@ TEST_P(ServerConnections, AnErrorOfTheListenerIsReportedAndNothingElse) {
   EXPECT_EQ(output.Text(), "New client connection error...\n");
 }
 
-// What makes a stream of the descriptor that was accepted.
-Fault StreamInit(Transport transport) {
-  return transport == Transport::Local ? Fault::kPipeInit : Fault::kTcpInit;
-}
-
 TEST_P(ServerConnections, AFailedAcceptIsReportedAndTheListenerGoesOn) {
   Journal journal;
   TestServer server(GetParam());
@@ -506,7 +501,7 @@ TEST_P(ServerConnections, AFailedAcceptIsReportedAndTheListenerGoesOn) {
   StdoutCapture output;
   const Resources before = CountResources();
   {
-    ScopedFault fault(StreamInit(GetParam()), 1, 3, UV_EMFILE);
+    ScopedFault fault(Fault::kWatchCall, 1, 3, UV_EMFILE);
     for (int i = 1; i <= 3; ++i) {
       RawPeer refused = server.Connect();
       ASSERT_TRUE(refused.connected());
@@ -530,7 +525,7 @@ TEST_P(ServerConnections, AFailedAcceptTakesNoAcceptNumber) {
   StdoutCapture output;
   RawPeer first = Served(server);
   {
-    ScopedFault fault(StreamInit(GetParam()), 1, 1, UV_EMFILE);
+    ScopedFault fault(Fault::kWatchCall, 1, 1, UV_EMFILE);
     EXPECT_TRUE(server.Connect().ReadEof());
   }
   RawPeer second = Served(server);
@@ -540,20 +535,6 @@ TEST_P(ServerConnections, AFailedAcceptTakesNoAcceptNumber) {
   if (GetParam() != Transport::Local) {
     EXPECT_EQ(accepted[1].connections, 2);
   }
-}
-
-TEST_P(ServerConnections, AConnectionThatCannotBeReadIsEndedAndHurtsNobody) {
-  TestServer server(GetParam());
-  ASSERT_TRUE(server.Init());
-  RawPeer early = Served(server);
-  {
-    ScopedFault fault(Fault::kReadStart, 1, 1, UV_ENOMEM);
-    RawPeer unread = server.Connect();
-    ASSERT_TRUE(Eventually([&] { return fault.failures() == 1; }));
-    EXPECT_TRUE(unread.ReadEof());
-    EXPECT_TRUE(early.AnswersInOrder());
-  }
-  EXPECT_TRUE(Served(server).connected());
 }
 
 TEST_P(ServerConnections, RecoversFromAFullDescriptorTable) {

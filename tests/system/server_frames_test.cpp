@@ -263,7 +263,7 @@ TEST_P(ServerFrames, DeliversAFrameOfTenMegabytes) {
 TEST_P(ServerFrames, AWriteThatFailsFourTimesIsDroppedAndTheConnectionStays) {
   ASSERT_TRUE(peer_.AnswersInOrder());
   StdoutCapture output;
-  ScopedFault fault(Fault::kWrite, 1, 4, UV_ENOBUFS);
+  ScopedFault fault(Fault::kSendCall, 1, 4, UV_ENOBUFS);
   ASSERT_TRUE(peer_.SendFrame(Ping(1)));
   EXPECT_TRUE(output.WaitFor("write error\n"));
   EXPECT_EQ(fault.calls(), 4);
@@ -279,7 +279,7 @@ TEST_P(ServerFrames, AWriteThatFailsFourTimesIsDroppedAndTheConnectionStays) {
 TEST_P(ServerFrames, TheReplyOfAHandlerThatCannotBeWrittenIsDroppedAndTheConnectionStays) {
   ASSERT_TRUE(peer_.AnswersInOrder());
   StdoutCapture output;
-  ScopedFault fault(Fault::kWrite, 1, 4, UV_ENOBUFS);
+  ScopedFault fault(Fault::kSendCall, 1, 4, UV_ENOBUFS);
   ASSERT_TRUE(peer_.SendFrame(Note(1, 1)));
   EXPECT_TRUE(output.WaitFor("write error\n"));
   EXPECT_EQ(peer_.Exchange(Note(2, 2)), ServerReply(Wire().Int(2), 2, std::nullopt));
@@ -290,7 +290,7 @@ TEST_P(ServerFrames, AWriteThatFailsUpToThreeTimesArrives) {
   ASSERT_TRUE(peer_.AnswersInOrder());
   StdoutCapture output;
   for (int failures = 1; failures <= 3; ++failures) {
-    ScopedFault fault(Fault::kWrite, 1, failures, UV_ENOBUFS);
+    ScopedFault fault(Fault::kSendCall, 1, failures, UV_ENOBUFS);
     EXPECT_EQ(peer_.Exchange(Ping(failures)), Pong(failures));
     const auto times = fault.times();
     ASSERT_EQ(times.size(), static_cast<std::size_t>(failures) + 1);

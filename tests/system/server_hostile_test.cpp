@@ -2,6 +2,7 @@
 #include <mivo/mivo.h>
 
 #include "support/event.h"
+#include "support/output_channel.h"
 #include "support/raw_client.h"
 #include "support/stdout_capture.h"
 #include "support/teardown.h"
@@ -105,6 +106,22 @@ TEST_P(HostilePeers, RandomBytes) {
     if (seed % 10 == 0) ExpectStillServing();
   }
   ExpectStillServing();
+}
+
+TEST_P(HostilePeers, LinesThatNobodyReads) {
+  OutputChannel out(Channel::Pipe);
+  out.Fill();
+  RawPeer peer = server_.Connect();
+  // Each four of them are an empty frame, which is good for a line.
+  const bool sent = peer.SendBytes(std::string(32768, '\0'));
+  const bool taken = peer.WaitUntilTaken();
+  const auto answer = honest_.Exchange(Request({"echo", 1, Wire().Int(1).bytes(), "0x1"}));
+  const bool in_order = peer.AnswersInOrder();
+  // Only now is there room for what the test has to say.
+  const std::string lines = out.ReadUntil("event empty!\n");
+  EXPECT_TRUE(sent && taken && in_order);
+  EXPECT_EQ(answer, ServerReply(Wire().Int(1), 1, "0x1"));
+  EXPECT_NE(lines.find("event empty!\n"), std::string::npos);
 }
 
 TEST_P(HostilePeers, RandomPayloadsInWellFormedFrames) {

@@ -29,6 +29,11 @@ TEST(CallKey, IsElseTheCallingThread) {
   EXPECT_NE(key_of_another, CallKey(0));
 }
 
+TEST(CallKey, KnowsTheThreadByTheKernelsNumberEachTime) {
+  for (int i = 0; i < 3; ++i)
+    EXPECT_EQ(KernelThreadId(), static_cast<int>(::syscall(SYS_gettid))) << i;
+}
+
 TEST(CallKey, IsAnotherOneInAChildOfFork) {
   const int key_of_parent = CallKey(0);
   const pid_t child = fork();

@@ -9,7 +9,7 @@
 #include <string_view>
 #include <vector>
 
-#include "calls/request_work.h"
+#include "calls/request_job.h"
 #include "support/golden.h"
 #include "support/handlers.h"
 #include "transport/connection.h"
@@ -27,19 +27,19 @@ using Strings = std::vector<std::string>;
 
 class NoOwner : public Connection::Owner {
  public:
-  void OnRead(Connection&) override {}
-  void OnPayload(Connection&, std::string_view) override {}
+  void OnFirstRead(Connection&) override {}
+  void OnPayload(Connection&, std::string_view, Jobs&) override {}
   void OnEnd(Connection&, int) override {}
   void OnFrameDropped(Connection&) override {}
 };
 
 struct Server {
-  EventLoop loop;
+  JobGroup jobs;
   NoOwner owner;
-  PrintObject print{this};
+  Diagnostics print{this};
   HandlerTable handlers{HandlerTable::Rules::kOfAServer};
   Dispatch dispatch{this, print, handlers};
-  const std::shared_ptr<Connection> client = std::make_shared<Connection>(loop, owner, 42);
+  const std::shared_ptr<Connection> client = std::make_shared<Connection>(owner, jobs, 42);
 
   std::string Serve(const std::string& bytes) {
     const Request request(client, bytes, ReadEnvelope(bytes));
@@ -57,26 +57,6 @@ std::string NoEvent(const char* name) {
       .String(std::string("no event: ") + name)
       .KeyString("s_c_sw_name", "retval")
       .KeyInt("s_c_sw_threadid", 9);
-}
-
-TEST(Dispatch, AnswersTheVersionCheck) {
-  Server server;
-  EXPECT_EQ(ToHex(server.Serve(Golden("handshake_request"))), ToHex(Golden("handshake_reply")));
-}
-
-TEST(Dispatch, DeniesAnotherVersionAndNamesItsOwn) {
-  Server server;
-  for (const std::string& data :
-       {Payload().KeyString("VERSION", "MIVO Version: 1.1.0.11").bytes(), Payload().KeyInt("VERSION", 1).bytes(),
-        Payload().KeyString("VERSION", "").bytes(), Payload().bytes()}) {
-    const std::string reply =
-        server.Serve(Payload().KeyString("s_c_sw_name", "s_c_version").KeyStream("s_c_sw_data", data));
-    EXPECT_EQ(ToHex(reply), ToHex(Payload()
-                                      .Bool(false)
-                                      .KeyString("VERSION", "MIVO Version: 1.1.0.12")
-                                      .KeyString("s_c_sw_name", "retval")
-                                      .bytes()));
-  }
 }
 
 TEST(Dispatch, SaysThatANameIsUnknown) {
@@ -128,7 +108,7 @@ TEST(Dispatch, KeepsNamesWithAMeaningOfTheirOwnFromTheCatchAll) {
   Strings names;
   LambdaMethodAll catch_all([&](const char* name, int, MIVOParams*, MIVOParams*) { names.emplace_back(name); });
   server.handlers.RegisterCatchAll(&catch_all);
-  server.ServeName("s_c_version");
+  EXPECT_EQ(ToHex(server.ServeName("s_c_version")), ToHex(NoEvent("s_c_version")));
   EXPECT_EQ(ToHex(server.ServeName("s_c_closed")), ToHex(NoEvent("s_c_closed")));
   EXPECT_EQ(ToHex(server.ServeName("s_c_connect")), ToHex(NoEvent("s_c_connect")));
   EXPECT_TRUE(names.empty());

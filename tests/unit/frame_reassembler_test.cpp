@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <ostream>
@@ -54,8 +55,8 @@ FrameReassembler::Result FeedOne(FrameReassembler& reassembler, std::string_view
   return result;
 }
 
-Cut Reassemble(const Strings& chunks) {
-  FrameReassembler reassembler;
+Cut Reassemble(const Strings& chunks, FrameReassembler::IsMessage is_message = nullptr) {
+  FrameReassembler reassembler(is_message);
   Cut cut;
   for (const std::string& chunk : chunks) {
     if (FeedOne(reassembler, chunk, &cut.payloads) == FrameReassembler::kBadLength) {
@@ -67,7 +68,7 @@ Cut Reassemble(const Strings& chunks) {
 }
 
 // The rule, written down as plainly as it can be said.
-Cut ByTheRule(const Strings& chunks) {
+Cut ByTheRule(const Strings& chunks, FrameReassembler::IsMessage is_message = nullptr) {
   const auto length_at_start = [](const std::string& bytes) {
     std::int32_t length = 0;
     std::memcpy(&length, bytes.data(), sizeof length);
@@ -77,7 +78,8 @@ Cut ByTheRule(const Strings& chunks) {
   std::string pending;
   for (const std::string& chunk : chunks) {
     const auto size = static_cast<std::int64_t>(chunk.size());
-    if (size >= 4 && length_at_start(chunk) == size - 4) {
+    if (size >= 4 && length_at_start(chunk) == size - 4 &&
+        (pending.empty() || is_message == nullptr || is_message(std::string_view(chunk).substr(4)))) {
       cut.payloads.push_back(chunk.substr(4));
       continue;
     }
@@ -258,7 +260,7 @@ TEST(FrameReassembler, WorksOnAfterALargeFrame) {
             (Cut{{large, "small", large}}));
 }
 
-TEST(FrameReassembler, DoesWhatTheRuleSaysForAnyStreamInAnyChunks) {
+void CompareWithTheRule(FrameReassembler::IsMessage is_message) {
   std::mt19937 random(20240229);
   const auto below = [&random](std::size_t limit) { return static_cast<std::size_t>(random()) % limit; };
   int bad = 0;
@@ -281,11 +283,208 @@ TEST(FrameReassembler, DoesWhatTheRuleSaysForAnyStreamInAnyChunks) {
       chunks.emplace_back(rest.substr(0, size));
       rest.remove_prefix(chunks.back().size());
     }
-    const Cut expected = ByTheRule(chunks);
+    const Cut expected = ByTheRule(chunks, is_message);
     bad += expected.is_bad ? 1 : 0;
-    ASSERT_EQ(Reassemble(chunks), expected) << round << ": " << mivo_test::ToHex(stream);
+    ASSERT_EQ(Reassemble(chunks, is_message), expected) << round << ": " << mivo_test::ToHex(stream);
   }
   EXPECT_GT(bad, 0);
+}
+
+TEST(FrameReassembler, DoesWhatTheRuleSaysForAnyStreamInAnyChunks) {
+  CompareWithTheRule(nullptr);
+  CompareWithTheRule([](std::string_view) { return false; });
+  CompareWithTheRule([](std::string_view payload) { return payload.size() % 2 == 0; });
+}
+
+// Begins as the messages of these tests do.
+bool BeginsLikeAMessage(std::string_view payload) {
+  return !payload.empty() && payload.front() == 'M';
+}
+
+TEST(FrameReassembler, TakesWhatLooksLikeAFrameInTheMiddleOfOneOnlyIfItIsAMessage) {
+  const std::string looks_like = Framed("no message");
+  const std::string message = Framed("Message");
+  const std::string begin = Prefix(static_cast<std::int32_t>(looks_like.size() + 2)) + "a";
+  EXPECT_EQ(Reassemble({begin, looks_like, "b"}, BeginsLikeAMessage), (Cut{{"a" + looks_like + "b"}}));
+  EXPECT_EQ(Reassemble({begin, message, looks_like, message, "b"}, BeginsLikeAMessage),
+            (Cut{{"Message", "Message", "a" + looks_like + "b"}}));
+}
+
+TEST(FrameReassembler, TakesAnyWholeFrameWhileNothingIsPending) {
+  EXPECT_EQ(Reassemble({Framed("no message"), Framed(""), Framed("Message")}, BeginsLikeAMessage),
+            (Cut{{"no message", "", "Message"}}));
+}
+
+TEST(FrameReassembler, PutsWhatIsNoMessageBehindAPendingLength) {
+  // Four bytes that say 0 are a frame without content, or the middle of something.
+  const std::string zeros(4, '\0');
+  EXPECT_EQ(Reassemble({Prefix(6).substr(0, 2), Prefix(6).substr(2) + "a", zeros, "b"}, BeginsLikeAMessage),
+            (Cut{{"a" + zeros + "b"}}));
+}
+
+// Reads as a connection does: to where the bytes belong if there is room, else to anywhere. Checks the room.
+void ReadAndFeed(FrameReassembler& reassembler, std::string_view* stream, std::size_t most, Strings* payloads,
+                 std::size_t* in_room = nullptr) {
+  const FrameReassembler::Room room = reassembler.RoomForMore();
+  if (room.size == 0) {
+    const std::size_t size = std::min(stream->size(), most);
+    FeedOne(reassembler, stream->substr(0, size), payloads);
+    stream->remove_prefix(size);
+    return;
+  }
+  const std::size_t size = std::min({stream->size(), most, room.size});
+  std::memcpy(room.bytes, stream->data(), size);
+  stream->remove_prefix(size);
+  if (in_room != nullptr) *in_room += size;
+  reassembler.FeedInRoom(size);
+  std::string_view payload;
+  while (reassembler.Next(&payload) == FrameReassembler::kFrame)
+    payloads->emplace_back(payload);
+}
+
+std::string SomeBytes(std::size_t size, unsigned int seed) {
+  std::mt19937 random(seed);
+  std::string bytes(size, '\0');
+  for (char& byte : bytes)
+    byte = static_cast<char>(random());
+  return bytes;
+}
+
+TEST(FrameReassembler, HasRoomOnlyWhileMuchOfALongFrameIsMissing) {
+  const auto room_behind = [](const std::string& bytes) {
+    FrameReassembler reassembler;
+    Strings payloads;
+    FeedOne(reassembler, bytes, &payloads);
+    return reassembler.RoomForMore().size;
+  };
+  const auto length = [](std::size_t size) { return Prefix(static_cast<std::int32_t>(size)); };
+  EXPECT_EQ(FrameReassembler().RoomForMore().size, 0U);
+  EXPECT_EQ(room_behind(length(1000000).substr(0, 3)), 0U);
+  EXPECT_EQ(room_behind(Framed("whole")), 0U);
+  EXPECT_EQ(room_behind(length(1000) + "a"), 0U);
+  EXPECT_EQ(room_behind(length(65535)), 0U);
+  EXPECT_EQ(room_behind(length(65536)), 65536U);
+  EXPECT_EQ(room_behind(length(1000000) + std::string(1000000 - 65535, 'x')), 0U);
+  EXPECT_GT(room_behind(length(1000000) + std::string(1000000 - 65536, 'x')), 0U);
+  EXPECT_EQ(room_behind(FromHex("FF FF FF FF")), 0U);
+}
+
+TEST(FrameReassembler, BuildsTheSameBytesInItsRoom) {
+  const Strings payloads = {SomeBytes(300000, 1), "short", SomeBytes(65537, 2), "", SomeBytes(1500000, 3), "end"};
+  const std::string whole = Stream(payloads);
+  for (const std::size_t most : {std::size_t{1000}, std::size_t{7777}, std::size_t{65536}, std::size_t{1000000}}) {
+    FrameReassembler reassembler;
+    Strings got;
+    std::string_view stream = whole;
+    std::size_t in_room = 0;
+    while (!stream.empty())
+      ReadAndFeed(reassembler, &stream, most, &got, &in_room);
+    EXPECT_TRUE(got == payloads) << most;
+    // Not by the other way.
+    EXPECT_GT(in_room, 300000U) << most;
+  }
+}
+
+TEST(FrameReassembler, LeavesItsRoomWhenItIsNotFilled) {
+  // A read that has found nothing.
+  FrameReassembler reassembler;
+  Strings got;
+  const std::string payload = SomeBytes(200000, 4);
+  const std::string frame = Framed(payload);
+  std::string_view stream = frame;
+  while (!stream.empty()) {
+    reassembler.RoomForMore();
+    ReadAndFeed(reassembler, &stream, 10000, &got);
+    reassembler.RoomForMore();
+  }
+  EXPECT_TRUE(got == Strings{payload});
+}
+
+TEST(FrameReassembler, TakesAMessageThatWasReadIntoItsRoomOutOfTheWay) {
+  FrameReassembler reassembler(BeginsLikeAMessage);
+  Strings got;
+  const std::string payload = SomeBytes(200000, 5);
+  const std::string looks_like = Framed("no message");
+  const std::string inner = payload.substr(0, 100000) + looks_like + payload.substr(100000);
+  const std::string frame = Framed(inner);
+  for (const std::string& chunk :
+       {frame.substr(0, 100004), looks_like, Framed("Message"), frame.substr(100004 + looks_like.size())}) {
+    std::string_view stream = chunk;
+    while (!stream.empty())
+      ReadAndFeed(reassembler, &stream, stream.size(), &got);
+  }
+  ASSERT_EQ(got.size(), 2U);
+  EXPECT_EQ(got.front(), "Message");
+  EXPECT_TRUE(got.back() == inner);
+}
+
+TEST(FrameReassembler, TakesTwiceTheMemoryThatHasArrivedAtMostAndGivesItBack) {
+  constexpr std::size_t kSlack = 256 * 1024;
+  FrameReassembler reassembler;
+  Strings got;
+  const std::string frame = Framed(SomeBytes(20 * 1000 * 1000, 6));
+  const std::size_t before = mivo_test::LiveBytes();
+  std::string_view stream = frame;
+  while (stream.size() > 1000) {
+    ReadAndFeed(reassembler, &stream, std::min<std::size_t>(65536, stream.size() - 1000), &got);
+    ASSERT_LE(mivo_test::LiveBytes(), before + 2 * (frame.size() - stream.size()) + kSlack) << stream.size();
+  }
+  EXPECT_TRUE(got.empty());
+  ReadAndFeed(reassembler, &stream, 1000, &got);
+  ASSERT_EQ(got.size(), 1U);
+  EXPECT_TRUE(got.front() == std::string_view(frame).substr(4));
+  Strings().swap(got);
+  EXPECT_LT(mivo_test::LiveBytes(), before + kSlack);
+}
+
+TEST(FrameReassembler, MakesNoRoomForWhatWasOnlyAnnounced) {
+  FrameReassembler reassembler;
+  Strings got;
+  const std::size_t before = mivo_test::LiveBytes();
+  FeedOne(reassembler, FromHex("FF FF FF 7F") + "a little", &got);
+  EXPECT_GT(reassembler.RoomForMore().size, 0U);
+  EXPECT_LT(mivo_test::LiveBytes(), before + 256 * 1024);
+}
+
+TEST(FrameReassembler, TellsTheSizeOfTheNextPayloadWithoutTakingIt) {
+  FrameReassembler reassembler;
+  std::string_view payload;
+  EXPECT_EQ(reassembler.NextSize(), 0U);
+  const std::string frames = Framed("three") + Framed("") + Framed("eleven long") + Framed("cut").substr(0, 5);
+  reassembler.Feed(frames);
+  EXPECT_EQ(reassembler.NextSize(), 5U);
+  EXPECT_EQ(reassembler.NextSize(), 5U);
+  EXPECT_EQ(reassembler.Next(&payload), FrameReassembler::kFrame);
+  EXPECT_EQ(payload, "three");
+  EXPECT_EQ(reassembler.NextSize(), 0U);
+  EXPECT_EQ(payload, "three");
+  EXPECT_EQ(reassembler.Next(&payload), FrameReassembler::kFrame);
+  EXPECT_EQ(payload, "");
+  EXPECT_EQ(reassembler.NextSize(), 11U);
+  EXPECT_EQ(reassembler.Next(&payload), FrameReassembler::kFrame);
+  EXPECT_EQ(payload, "eleven long");
+  EXPECT_EQ(reassembler.NextSize(), 0U);
+  EXPECT_EQ(reassembler.Next(&payload), FrameReassembler::kNeedMore);
+  EXPECT_EQ(reassembler.NextSize(), 0U);
+  // Of one that comes on its own while another is pending, and of that one when its rest is there.
+  const std::string overtakes = Framed("overtakes");
+  reassembler.Feed(overtakes);
+  EXPECT_EQ(reassembler.NextSize(), 9U);
+  EXPECT_EQ(reassembler.Next(&payload), FrameReassembler::kFrame);
+  EXPECT_EQ(reassembler.Next(&payload), FrameReassembler::kNeedMore);
+  reassembler.Feed("ut");
+  EXPECT_EQ(reassembler.NextSize(), 3U);
+  EXPECT_EQ(reassembler.Next(&payload), FrameReassembler::kFrame);
+  EXPECT_EQ(payload, "cut");
+}
+
+TEST(FrameReassembler, HasNoNextSizeForNonsense) {
+  FrameReassembler reassembler;
+  const std::string nonsense = FromHex("FF FF FF FF") + "more";
+  reassembler.Feed(nonsense);
+  EXPECT_EQ(reassembler.NextSize(), 0U);
+  std::string_view payload;
+  EXPECT_EQ(reassembler.Next(&payload), FrameReassembler::kBadLength);
 }
 
 }  // namespace

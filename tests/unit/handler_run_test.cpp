@@ -8,9 +8,9 @@
 #include <string>
 
 #include "base/handler_scope.h"
+#include "calls/diagnostics.h"
 #include "support/handlers.h"
 #include "support/stdout_capture.h"
-#include "transport/print_object.h"
 
 namespace mivo {
 namespace {
@@ -21,7 +21,7 @@ using mivo_test::StdoutCapture;
 
 struct Call {
   int owner = 0;
-  PrintObject print{&owner};
+  Diagnostics print{&owner};
   std::string name = "sum";
   MIVOParams request;
   MIVOParams reply;
@@ -78,6 +78,19 @@ TEST(RunHandler, ReportsAnExceptionOfAnyTypeAndAtAnyLevel) {
   const StdoutCapture out;
   RunHandler(handler, call());
   EXPECT_EQ(out.Text(), "handler sum: unknown exception\n");
+}
+
+TEST(RunHandler, WritesControlCharactersOfAPeerAsNumbers) {
+  Call call;
+  call.name = std::string("a\nhandler b: \x1b[2J\0c", 19);
+  LambdaMethod throws([](int, MIVOParams*, MIVOParams*) { throw std::runtime_error("no \x07\r\n Käse"); });
+  LambdaMethod throws_anything([](int, MIVOParams*, MIVOParams*) { throw 5; });
+  const StdoutCapture out;
+  RunHandler(throws, call());
+  RunHandler(throws_anything, call());
+  EXPECT_EQ(out.Text(),
+            "handler a\\x0ahandler b: \\x1b[2J\\x00c: no \\x07\\x0d\\x0a Käse\n"
+            "handler a\\x0ahandler b: \\x1b[2J\\x00c: unknown exception\n");
 }
 
 TEST(RunCatchAll, PassesOnTheNameToo) {

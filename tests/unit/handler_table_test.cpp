@@ -5,13 +5,10 @@
 
 #include <atomic>
 #include <functional>
-#include <memory>
-#include <string_view>
 #include <thread>
 #include <utility>
 #include <vector>
 
-#include "calls/in_order_method.h"
 #include "support/handlers.h"
 
 namespace mivo {
@@ -162,40 +159,37 @@ TEST(HandlerTable, LetsAnApplicationTakeTheNameOfABuiltinHandlerOnAServer) {
   EXPECT_EQ(deletions.count, 1);
 }
 
-class InOrderLambda : public InOrderMethod {
- public:
-  void OnCall(int, MIVOParams*, MIVOParams*) override {}
-  std::unique_ptr<IServerMethod> Arrive(std::string_view) override { return nullptr; }
-};
-
-TEST(HandlerTable, KnowsWhichHandlerHearsOfItsRequestsWhenTheyArrive) {
+TEST(HandlerTable, SaysWhoIsUnderAName) {
   for (const Rules rules : kBoth) {
     HandlerTable table(rules);
-    InOrderLambda in_order;
+    Deletions deletions;
     LambdaMethod builtin(nullptr);
-    table.RegisterInOrder("in order", &in_order);
+    LambdaMethod stranger(nullptr);
+    LambdaMethod* const handler = NewMethod(deletions);
     table.RegisterBuiltin("builtin", &builtin);
-    EXPECT_EQ(table.Find("in order"), &in_order);
-    EXPECT_EQ(table.FindInOrder("in order"), &in_order);
-    EXPECT_EQ(table.FindInOrder("builtin"), nullptr);
-    EXPECT_EQ(table.FindInOrder("nobody"), nullptr);
-    End(table);
-    EXPECT_EQ(table.FindInOrder("in order"), nullptr);
+    table.Register("name", handler);
+    EXPECT_TRUE(table.IsUnder("builtin", builtin));
+    EXPECT_TRUE(table.IsUnder("name", *handler));
+    EXPECT_FALSE(table.IsUnder("name", builtin));
+    EXPECT_FALSE(table.IsUnder("builtin", stranger));
+    EXPECT_FALSE(table.IsUnder("nobody", stranger));
+    ClosedHandlers closed = table.Close();
+    EXPECT_FALSE(table.IsUnder("builtin", builtin));
+    EXPECT_FALSE(table.IsUnder("name", *handler));
+    closed.Delete();
     table.Open();
-    EXPECT_EQ(table.FindInOrder("in order"), &in_order);
-    End(table);
+    EXPECT_TRUE(table.IsUnder("builtin", builtin));
   }
 }
 
-TEST(HandlerTable, TellsNoHandlerOfArrivalsUnderANameThatTheApplicationHasTaken) {
+TEST(HandlerTable, KnowsThatABuiltinHandlerHasLostItsName) {
   HandlerTable table(Rules::kOfAServer);
-  InOrderLambda in_order;
   Deletions deletions;
-  table.RegisterInOrder("in order", &in_order);
-  table.Register("in order", NewMethod(deletions));
-  EXPECT_EQ(table.FindInOrder("in order"), nullptr);
+  LambdaMethod builtin(nullptr);
+  table.RegisterBuiltin("builtin", &builtin);
+  table.Register("builtin", NewMethod(deletions));
+  EXPECT_FALSE(table.IsUnder("builtin", builtin));
   End(table);
-  EXPECT_EQ(deletions.count, 1);
 }
 
 TEST(HandlerTable, FindsNothingOnceClosed) {

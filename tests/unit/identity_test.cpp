@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstdint>
 #include <mutex>
 #include <set>
@@ -14,7 +15,7 @@ namespace mivo {
 namespace {
 
 template <class Number, class Next>
-std::set<Number> TakeFromSeveralThreads(int threads, int each, Next next) {
+std::set<Number> TakeFromSeveralThreads(int threads, int each, const Next& next) {
   std::mutex mutex;
   std::set<Number> taken;
   std::vector<std::thread> takers;
@@ -46,25 +47,63 @@ TEST(WaiterToken, IsGivenOnceAndNeverZero) {
 
 TEST(WaiterToken, IsKnownAgain) {
   const std::uintptr_t token = NextWaiterToken();
-  EXPECT_TRUE(IsWaiterToken(token));
-  EXPECT_TRUE(IsWaiterToken(TextToPointer(PointerToText(token))));
+  EXPECT_TRUE(IsToken(token));
+  EXPECT_TRUE(IsToken(TextToPointer(PointerToText(token))));
 }
 
 TEST(WaiterToken, OtherNumbersAreNotTakenForOne) {
   const std::uintptr_t token = NextWaiterToken();
   int on_the_stack = 0;
-  EXPECT_FALSE(IsWaiterToken(0));
-  EXPECT_FALSE(IsWaiterToken(0xdead));
-  EXPECT_FALSE(IsWaiterToken(token + 1));
-  EXPECT_FALSE(IsWaiterToken(token - 1));
-  EXPECT_FALSE(IsWaiterToken(UINTPTR_MAX));
-  EXPECT_FALSE(IsWaiterToken(reinterpret_cast<std::uintptr_t>(&on_the_stack)));
+  EXPECT_FALSE(IsToken(0));
+  EXPECT_FALSE(IsToken(0xdead));
+  EXPECT_FALSE(IsToken(token + 1));
+  EXPECT_FALSE(IsToken(token - 1));
+  EXPECT_FALSE(IsToken(UINTPTR_MAX));
+  EXPECT_FALSE(IsToken(reinterpret_cast<std::uintptr_t>(&on_the_stack)));
 }
 
 TEST(WaiterToken, IsUnknownBeforeItIsGiven) {
   // Other tests may take one meanwhile, but not that many.
   const std::uintptr_t token = NextWaiterToken();
-  EXPECT_FALSE(IsWaiterToken(token + 16 * 1000 * 1000));
+  EXPECT_FALSE(IsToken(token + kTokenStep * 1000 * 1000));
+}
+
+TEST(WaiterToken, IsNoneOfTheLibrarysOwn) {
+  EXPECT_FALSE(IsLibraryToken(NextWaiterToken()));
+  EXPECT_FALSE(IsLibraryToken(0));
+  EXPECT_FALSE(IsLibraryToken(0xdead));
+}
+
+TEST(WaiterToken, IsAtLeastAStepFromEveryOther) {
+  std::atomic<int> turn{0};
+  const std::set<std::uintptr_t> tokens = TakeFromSeveralThreads<std::uintptr_t>(
+      2, 1000, [&turn] { return ++turn % 2 == 0 ? NextWaiterToken() : NextLibraryToken(); });
+  ASSERT_EQ(tokens.size(), 2000U);
+  std::set<std::uintptr_t> rows;
+  for (const std::uintptr_t token : tokens)
+    rows.insert(token / kTokenStep);
+  EXPECT_EQ(rows.size(), tokens.size());
+}
+
+TEST(LibraryToken, IsGivenOnceAndNeverZero) {
+  const std::set<std::uintptr_t> tokens = TakeFromSeveralThreads<std::uintptr_t>(4, 2000, NextLibraryToken);
+  EXPECT_EQ(tokens.size(), 8000U);
+  EXPECT_EQ(tokens.count(0), 0U);
+}
+
+TEST(LibraryToken, IsKnownAgainAsATokenAndAsTheLibrarys) {
+  const std::uintptr_t token = NextLibraryToken();
+  EXPECT_TRUE(IsToken(token));
+  EXPECT_TRUE(IsLibraryToken(token));
+  EXPECT_TRUE(IsLibraryToken(TextToPointer(PointerToText(token))));
+}
+
+TEST(LibraryToken, OtherNumbersAreNotTakenForOne) {
+  const std::uintptr_t token = NextLibraryToken();
+  EXPECT_FALSE(IsLibraryToken(token + 1));
+  EXPECT_FALSE(IsLibraryToken(token - 1));
+  EXPECT_FALSE(IsLibraryToken(token + kTokenStep * 1000 * 1000));
+  EXPECT_FALSE(IsLibraryToken(UINTPTR_MAX));
 }
 
 }  // namespace

@@ -8,12 +8,12 @@
 #include <functional>
 #include <vector>
 
+#include "calls/diagnostics.h"
 #include "support/raw_client.h"
 #include "support/stdout_capture.h"
 #include "support/teardown.h"
 #include "support/transport.h"
 #include "support/uv_faults.h"
-#include "transport/print_object.h"
 #include "unit/test_loop.h"
 
 namespace mivo {
@@ -58,7 +58,7 @@ class ListenerOnEveryTransport : public testing::TestWithParam<Transport> {
 
   const mivo_test::Address address_ = mivo_test::FreeAddress(GetParam());
   TestLoop loop_;
-  PrintObject print_{this};
+  Diagnostics print_{this};
   Listener listener_{loop_, print_};
   std::vector<int> accepted_;
   std::function<void()> on_incoming_;
@@ -87,6 +87,7 @@ TEST_P(ListenerOnEveryTransport, MayBeClosedByItsCallee) {
   on_incoming_ = [this] { listener_.Close(); };
   Connect(3);
   ASSERT_TRUE(loop_.RunUntil([&] { return !accepted_.empty(); }));
+  loop_.Shut();
   loop_.Run();
   EXPECT_EQ(accepted_.size(), 1U);
   EXPECT_TRUE(peers_[2].ReadEof());
@@ -101,6 +102,7 @@ TEST_P(ListenerOnEveryTransport, MayBeClosedByItsCalleeAfterAPause) {
   }
   on_incoming_ = [this] { listener_.Close(); };
   ASSERT_TRUE(loop_.RunUntil([&] { return accepted_.size() == 2; }));
+  loop_.Shut();
   loop_.Run();
   EXPECT_EQ(accepted_.size(), 2U);
 }

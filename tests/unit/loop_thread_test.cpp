@@ -22,7 +22,7 @@ bool IsSigpipeBlocked() {
 }
 
 TEST(LoopThread, RunsItsBodyOnAThreadOfItsOwnAndJoinsIt) {
-  LoopThread thread;
+  LoopThread thread("test-loop");
   std::thread::id id;
   ASSERT_TRUE(thread.Start([&] { id = std::this_thread::get_id(); }));
   thread.Join();
@@ -32,7 +32,7 @@ TEST(LoopThread, RunsItsBodyOnAThreadOfItsOwnAndJoinsIt) {
 
 TEST(LoopThread, BlocksSigpipeOnItsThreadOnly) {
   const bool was_blocked_here = IsSigpipeBlocked();
-  LoopThread thread;
+  LoopThread thread("test-loop");
   bool is_blocked_there = false;
   ASSERT_TRUE(thread.Start([&] { is_blocked_there = IsSigpipeBlocked(); }));
   thread.Join();
@@ -40,8 +40,16 @@ TEST(LoopThread, BlocksSigpipeOnItsThreadOnly) {
   EXPECT_EQ(IsSigpipeBlocked(), was_blocked_here);
 }
 
+TEST(LoopThread, BearsItsName) {
+  LoopThread thread("fifteen-letters");
+  char name[16] = "";
+  ASSERT_TRUE(thread.Start([&] { pthread_getname_np(pthread_self(), name, sizeof name); }));
+  thread.Join();
+  EXPECT_STREQ(name, "fifteen-letters");
+}
+
 TEST(LoopThread, CanBeStartedAgainAfterAJoin) {
-  LoopThread thread;
+  LoopThread thread("test-loop");
   int runs = 0;
   for (int round = 0; round < 3; ++round) {
     ASSERT_TRUE(thread.Start([&] { ++runs; }));
@@ -51,7 +59,7 @@ TEST(LoopThread, CanBeStartedAgainAfterAJoin) {
 }
 
 TEST(LoopThread, JoinsWithoutAThreadAndTwice) {
-  LoopThread thread;
+  LoopThread thread("test-loop");
   thread.Join();
   ASSERT_TRUE(thread.Start([] {}));
   thread.Join();
@@ -59,7 +67,7 @@ TEST(LoopThread, JoinsWithoutAThreadAndTwice) {
 }
 
 TEST(LoopThread, EveryJoinWaitsForTheEndOfTheBody) {
-  LoopThread thread;
+  LoopThread thread("test-loop");
   OneShot may_end;
   std::atomic<bool> ended{false};
   ASSERT_TRUE(thread.Start([&] {
@@ -83,7 +91,7 @@ TEST(LoopThread, EveryJoinWaitsForTheEndOfTheBody) {
 TEST(LoopThread, WaitsForItsBodyWhenItEnds) {
   std::atomic<bool> ended{false};
   {
-    LoopThread thread;
+    LoopThread thread("test-loop");
     ASSERT_TRUE(thread.Start([&] { ended = true; }));
   }
   EXPECT_TRUE(ended);
@@ -97,7 +105,7 @@ TEST(LoopThread, SaysSoWhenTheSystemHasNoThreadLeft) {
   // No address space holds such a stack.
   ASSERT_EQ(pthread_attr_setstacksize(&impossible, std::size_t{1} << 60), 0);
   ASSERT_EQ(pthread_setattr_default_np(&impossible), 0);
-  LoopThread thread;
+  LoopThread thread("test-loop");
   bool ran = false;
   const bool started = thread.Start([&] { ran = true; });
   pthread_setattr_default_np(&usual);

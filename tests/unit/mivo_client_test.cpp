@@ -10,9 +10,11 @@
 #include <vector>
 
 #include "base/one_shot.h"
+#include "support/background.h"
 #include "support/golden.h"
 #include "support/handlers.h"
 #include "support/stdout_capture.h"
+#include "support/thread_state.h"
 #include "support/transport.h"
 #include "unit/slice_size_scope.h"
 
@@ -112,32 +114,69 @@ TEST(MIVOClient, LetsOneCallOrPostRunAtATimeInTheProcess) {
   EXPECT_EQ(one.together + other.together, 0);
 }
 
-TEST(MIVOClient, DoesNotHoldUpTheFastFormsBehindARunningCall) {
+// Whose call takes the turn of the process and keeps it.
+class BlockingClient : public MIVOClient {
+ public:
+  MIVOParams* SendMsgFast(const char*, MIVOParams*, int, int) override {
+    is_running.Set();
+    may_end.Wait();
+    return nullptr;
+  }
   OneShot is_running;
   OneShot may_end;
-  class Subclass : public MIVOClient {
-   public:
-    Subclass(OneShot& running, OneShot& end) : running_(running), end_(end) {}
-    MIVOParams* SendMsgFast(const char*, MIVOParams*, int, int) override {
-      running_.Set();
-      end_.Wait();
-      return nullptr;
-    }
+};
 
-   private:
-    OneShot& running_;
-    OneShot& end_;
-  };
-  Subclass blocking(is_running, may_end);
+TEST(MIVOClient, DoesNotHoldUpTheFastFormsBehindARunningCall) {
+  BlockingClient blocking;
   std::thread caller([&] { blocking.SendMsg("foo", nullptr, 0, 0); });
-  is_running.Wait();
+  blocking.is_running.Wait();
   MIVOClient other;
   const StdoutCapture out;
   const std::unique_ptr<MIVOParams> error(other.SendMsgFast("foo", nullptr, 0, 0));
   EXPECT_EQ(error->GetMap("errorCode")->GetInt(), -1000);
   EXPECT_EQ(other.PostMsgFast("foo", nullptr, 0), 0);
-  may_end.Set();
+  blocking.may_end.Set();
   caller.join();
+}
+
+TEST(MIVOClient, IsDestroyedWhileACallOfItWaitsForItsTurn) {
+  const StdoutCapture out;
+  BlockingClient blocking;
+  std::thread running([&] { blocking.SendMsg("foo", nullptr, 0, 0); });
+  blocking.is_running.Wait();
+  IClient* const client = CreateClient();
+  mivo_test::Background<MIVOParams*> called([&] { return client->SendMsg("foo", nullptr, 0, 0); });
+  mivo_test::Background<int> posted([&] { return client->PostMsg("foo", nullptr, 0); });
+  EXPECT_TRUE(mivo_test::WaitUntilAsleep(called.thread_id()));
+  EXPECT_TRUE(mivo_test::WaitUntilAsleep(posted.thread_id()));
+  EXPECT_FALSE(called.IsDone());
+  EXPECT_FALSE(posted.IsDone());
+  // The other client's call goes on all the while.
+  DestroyClient(client);
+  const std::unique_ptr<MIVOParams> error(called.Get());
+  EXPECT_EQ(error->GetMap("errorCode")->GetInt(), -1000);
+  EXPECT_EQ(posted.Get(), 0);
+  blocking.may_end.Set();
+  running.join();
+}
+
+TEST(MIVOClient, EndsACallThatWaitsForItsTurnWithItsConnection) {
+  auto server = std::make_unique<QuietServer>();
+  const StdoutCapture out;
+  MIVOClient client;
+  ASSERT_TRUE(mivo_test::InitClient(&client, server->address));
+  BlockingClient blocking;
+  std::thread running([&] { blocking.SendMsg("foo", nullptr, 0, 0); });
+  blocking.is_running.Wait();
+  mivo_test::Background<MIVOParams*> called([&] { return client.SendMsg("foo", nullptr, 0, 0); });
+  EXPECT_TRUE(mivo_test::WaitUntilAsleep(called.thread_id()));
+  EXPECT_FALSE(called.IsDone());
+  server.reset();
+  const std::unique_ptr<MIVOParams> error(called.Get());
+  EXPECT_EQ(error->GetMap("errorCode")->GetInt(), -1000);
+  blocking.may_end.Set();
+  running.join();
+  client.close();
 }
 
 TEST(MIVOClient, GivesTheCallerAnErrorSetOfItsOwnWhenNotConnected) {

@@ -4,20 +4,29 @@
 #include <mivo/params.h>
 
 #include <atomic>
+#include <chrono>
+#include <cstddef>
 #include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "largedata/slice.h"
+#include "support/background.h"
 #include "support/event.h"
 #include "support/handlers.h"
+#include "support/raw_client.h"
 #include "support/stdout_capture.h"
 #include "support/transport.h"
+#include "transport/envelope.h"
+#include "unit/live_bytes.h"
 
 namespace mivo {
 namespace {
 
+using mivo_test::Background;
 using mivo_test::Deletions;
+using mivo_test::Event;
 using mivo_test::LambdaMethod;
 using mivo_test::LambdaMethodAll;
 using mivo_test::StdoutCapture;
@@ -201,6 +210,77 @@ TEST(MIVOServer, ForgetsASinkThatItDeletesAsAHandler) {
   ASSERT_FALSE(lines.empty());
   EXPECT_EQ(lines.back(), "Server Closing!\n");
   EXPECT_EQ(out.Count("Server Closed!\n"), 1);
+}
+
+TEST(MIVOServer, DeletesNoSinkThatALineOfAnotherThreadIsStillWith) {
+  Deletions deletions;
+  Event entered;
+  Event leave;
+  const StdoutCapture out;
+  MIVOServer server;
+  auto* const both = new LambdaMethod(
+      [&](int, MIVOParams* request, MIVOParams*) {
+        if (std::string(request->GetValue(0)->GetString()) != "send msg: disconnect... .. .\n") return;
+        entered.Signal();
+        leave.WaitFor();
+        EXPECT_EQ(deletions.count, 0);
+      },
+      &deletions);
+  server.method("s_c_log", both);
+  server.method("name", both);
+  std::thread caller([&] { server.PostMsg(1, "name", nullptr, 0); });
+  ASSERT_TRUE(entered.WaitFor());
+  ASSERT_TRUE(server.StartMIVOServer(mivo_test::UniqueSocketName().c_str()));
+  Background<bool> closing([&] { return server.close(); });
+  // The state is changed first; handlers go last.
+  EXPECT_TRUE(mivo_test::Eventually([&] { return !server.isok(); }));
+  EXPECT_FALSE(closing.WaitFor(std::chrono::milliseconds(50)));
+  leave.Signal();
+  EXPECT_TRUE(closing.Get());
+  EXPECT_EQ(deletions.count, 1);
+  caller.join();
+}
+
+TEST(MIVOServer, DeletesASinkThatClosesItWhenItHasReturned) {
+  Deletions deletions;
+  Event deleted_too_early;
+  const StdoutCapture out;
+  MIVOServer server;
+  auto* const both = new LambdaMethod(
+      [&](int, MIVOParams* request, MIVOParams*) {
+        if (std::string(request->GetValue(0)->GetString()).find("Accept success") != 0) return;
+        EXPECT_TRUE(server.close());
+        if (deletions.count != 0) deleted_too_early.Signal();
+      },
+      &deletions);
+  server.method("s_c_log", both);
+  server.method("name", both);
+  const std::string name = mivo_test::UniqueSocketName();
+  ASSERT_TRUE(server.InitMIVOServer(name.c_str()));
+  const mivo_test::RawPeer peer = mivo_test::RawPeer::ConnectTo({mivo_test::Transport::Local, "", name});
+  EXPECT_TRUE(mivo_test::Eventually([&] { return deletions.count == 1; }));
+  EXPECT_EQ(deleted_too_early.count(), 0);
+  EXPECT_FALSE(server.isok());
+}
+
+TEST(MIVOServer, KeepsNothingOfUnfinishedLargeMessagesBeyondItsClose) {
+  const StdoutCapture out;
+  MIVOServer server;
+  const mivo_test::Address address = mivo_test::FreeAddress(mivo_test::Transport::Local);
+  ASSERT_TRUE(mivo_test::InitServer(&server, address));
+  mivo_test::RawPeer peer = mivo_test::RawPeer::ConnectTo(address);
+  const std::size_t before = mivo_test::LiveBytes();
+  const std::string bytes(std::size_t{8} << 20, 'x');
+  for (const char* const name : {"s_c_req_body", "s_c_req_header"}) {
+    for (const int key : {1, 2}) {
+      MIVOParams slice;
+      WriteSlice({key, 1 << 30, bytes}, &slice);
+      ASSERT_TRUE(peer.Exchange(EncodeRequest(name, key, &slice, 0)));
+    }
+  }
+  EXPECT_GT(mivo_test::LiveBytes(), before + 4 * bytes.size());
+  EXPECT_TRUE(server.close());
+  EXPECT_LT(mivo_test::LiveBytes(), before + 2 * bytes.size());
 }
 
 TEST(MIVOServer, ReadsThePortFromTheTextItWasStartedWith) {

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 #include <mivo/params.h>
 
-#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -12,6 +11,8 @@
 
 namespace mivo {
 namespace {
+
+constexpr int kServer = 42;
 
 struct Receiver {
   std::vector<std::pair<int, std::string>> results;
@@ -23,8 +24,15 @@ struct Receiver {
     WriteSlice(slice, &request);
     request.ToParams();
     MIVOParams reply;
-    receiver.OnCall(42, &request, &reply);
+    receiver.OnCall(kServer, &request, &reply);
     return *reply.GetParamas();
+  }
+
+  // As the thread that reads does.
+  void Take(int connection_id, const Slice& slice) {
+    MIVOParams encoded;
+    WriteSlice(slice, &encoded);
+    receiver.Take(connection_id, *encoded.GetParamas());
   }
 };
 
@@ -53,24 +61,35 @@ TEST(RecvLargeDataClient, TakesASliceWithoutAnythingForAnEmptyResult) {
   Receiver test;
   MIVOParams request;
   MIVOParams reply;
-  test.receiver.OnCall(42, &request, &reply);
+  test.receiver.OnCall(kServer, &request, &reply);
   EXPECT_EQ(test.results, (std::vector<std::pair<int, std::string>>{{0, ""}}));
 }
 
-TEST(RecvLargeDataClient, PutsSlicesTogetherInTheOrderOfTheirArrival) {
+TEST(RecvLargeDataClient, TakesSlicesAsTheyAreReadLikeCallsOfTheMethod) {
   Receiver test;
-  MIVOParams slices[2];
-  WriteSlice({9, 10, "01234"}, &slices[0]);
-  WriteSlice({9, 10, "56789"}, &slices[1]);
-  const std::unique_ptr<IServerMethod> first = test.receiver.Arrive(*slices[0].GetParamas());
-  const std::unique_ptr<IServerMethod> last = test.receiver.Arrive(*slices[1].GetParamas());
-  MIVOParams arguments;
-  MIVOParams reply;
-  last->OnCall(42, &arguments, &reply);
-  EXPECT_EQ(test.results, (std::vector<std::pair<int, std::string>>{{9, "0123456789"}}));
-  first->OnCall(42, &arguments, &reply);
-  EXPECT_EQ(test.results.size(), 1U);
-  EXPECT_EQ(reply.Size(), 0);
+  test.Take(kServer, {9, 15, "01234"});
+  test.Receive({9, 15, "56789"});
+  EXPECT_TRUE(test.results.empty());
+  test.Take(kServer, {9, 15, "ABCDE"});
+  EXPECT_EQ(test.results, (std::vector<std::pair<int, std::string>>{{9, "0123456789ABCDE"}}));
+}
+
+TEST(RecvLargeDataClient, TakesWhatStandsBeforeAFaultInASlice) {
+  Receiver test;
+  MIVOParams encoded;
+  WriteSlice({9, 3, "abc"}, &encoded);
+  test.receiver.Take(kServer, *encoded.GetParamas() + "\x7F");
+  EXPECT_EQ(test.results, (std::vector<std::pair<int, std::string>>{{9, "abc"}}));
+}
+
+TEST(RecvLargeDataClient, ForgetsTheUnfinishedResultsOfAConnectionThatHasGone) {
+  Receiver test;
+  test.Take(kServer, {9, 4, "ol"});
+  test.Take(kServer + 16, {9, 4, "ab"});
+  test.receiver.Forget(kServer);
+  test.Take(kServer, {9, 4, "newe"});
+  test.Take(kServer + 16, {9, 4, "cd"});
+  EXPECT_EQ(test.results, (std::vector<std::pair<int, std::string>>{{9, "newe"}, {9, "abcd"}}));
 }
 
 TEST(RecvLargeDataClient, KeepsTransfersOfDifferentKeysApart) {

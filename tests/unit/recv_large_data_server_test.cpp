@@ -6,9 +6,10 @@
 
 #include <climits>
 #include <functional>
-#include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -18,7 +19,6 @@
 #include "transport/envelope.h"
 #include "unit/large_memory.h"
 #include "unit/payload.h"
-#include "unit/slice_size_scope.h"
 
 namespace mivo {
 namespace {
@@ -38,42 +38,35 @@ class Server {
   Server(const Server&) = delete;
   Server& operator=(const Server&) = delete;
 
-  // The reply's encoding, without the envelope that its dispatcher adds.
-  std::string Receive(const std::string& slice) {
-    MIVOParams request;
-    request.Parser(slice.data(), static_cast<int>(slice.size()));
-    MIVOParams reply;
-    receiver.OnCall(kClient, &request, &reply);
-    return *reply.GetParamas();
+  // The reply's encoding, without the envelope that is added to it. What is to be sent back goes to `results`.
+  std::string Receive(const std::string& slice, int client_id = kClient) {
+    client_ = client_id;
+    std::optional<RecvLargeDataServer::Whole> whole = receiver.Take(client_id, slice);
+    if (!whole) return AnswerToSlice();
+    keys.push_back(whole->key);
+    RecvLargeDataServer::Served served = receiver.Serve(client_id, std::move(*whole));
+    results.insert(results.end(), served.results.begin(), served.results.end());
+    return served.reply;
   }
 
-  std::string Receive(const Slice& slice) {
+  std::string Receive(const Slice& slice, int client_id = kClient) {
     MIVOParams params;
     WriteSlice(slice, &params);
-    return Receive(*params.GetParamas());
+    return Receive(*params.GetParamas(), client_id);
   }
 
   Strings names;
-  std::string sent_back;
-  int slices_sent = 0;
-  bool answers = true;
+  std::vector<int> keys;
+  Strings results;
   RecvLargeDataServer receiver{[this](const std::string& name, int client_id, MIVOParams* request, MIVOParams* result) {
-                                 EXPECT_EQ(client_id, kClient);
-                                 names.push_back(name);
-                                 if (method_) method_(request, result);
-                               },
-                               [this](int client_id, int key, MIVOParams* params) {
-                                 EXPECT_EQ(client_id, kClient);
-                                 params->ToParams();
-                                 const Slice slice = ReadSlice(*params->GetParamas());
-                                 EXPECT_EQ(slice.key, key);
-                                 ++slices_sent;
-                                 sent_back.append(slice.bytes);
-                                 return answers;
-                               }};
+    EXPECT_EQ(client_id, client_);
+    names.push_back(name);
+    if (method_) method_(request, result);
+  }};
 
  private:
   const Method method_;
+  int client_ = 0;
 };
 
 std::string Whole(const char* name, const std::string& arguments) {
@@ -99,7 +92,7 @@ TEST(RecvLargeDataServer, AnswersASliceThatCompletesNothing) {
   Server server;
   EXPECT_EQ(ToHex(WithTail(server.Receive(Golden("slice")))), ToHex(Golden("slice_taken_reply")));
   EXPECT_TRUE(server.names.empty());
-  EXPECT_EQ(server.slices_sent, 0);
+  EXPECT_TRUE(server.results.empty());
 }
 
 TEST(RecvLargeDataServer, AnswersTheSliceThatCompletesAMessage) {
@@ -112,7 +105,7 @@ TEST(RecvLargeDataServer, AnswersTheSliceThatCompletesBytesThatAreNoEncoding) {
   Server server;
   EXPECT_EQ(ToHex(WithTail(server.Receive(Slice{9, 3, "\x7F\x7F\x7F"}))), ToHex(Golden("slice_undecodable_reply")));
   EXPECT_TRUE(server.names.empty());
-  EXPECT_EQ(server.slices_sent, 0);
+  EXPECT_TRUE(server.results.empty());
 }
 
 TEST(RecvLargeDataServer, GivesTheMethodTheWholeRequest) {
@@ -131,62 +124,68 @@ TEST(RecvLargeDataServer, GivesTheMethodTheWholeRequest) {
   EXPECT_EQ(server.names, Strings{"foo"});
 }
 
-TEST(RecvLargeDataServer, PutsSlicesTogetherInTheOrderOfTheirArrivalAndAnswersEachOne) {
-  Server server([](MIVOParams* request, MIVOParams*) { EXPECT_EQ(request->GetValue(0)->GetInt(), 5); });
-  const std::string whole = Whole("foo", Payload().Int(5));
-  const int total = static_cast<int>(whole.size());
-  MIVOParams slices[2];
-  WriteSlice({9, total, std::string_view(whole).substr(0, 20)}, &slices[0]);
-  WriteSlice({9, total, std::string_view(whole).substr(20)}, &slices[1]);
-  const std::unique_ptr<IServerMethod> first = server.receiver.Arrive(*slices[0].GetParamas());
-  const std::unique_ptr<IServerMethod> last = server.receiver.Arrive(*slices[1].GetParamas());
-  const auto reply_of = [](IServerMethod& turn) {
-    MIVOParams arguments;
-    MIVOParams reply;
-    turn.OnCall(kClient, &arguments, &reply);
-    return WithTail(*reply.GetParamas());
-  };
-  EXPECT_EQ(ToHex(reply_of(*last)), ToHex(Golden("slice_completed_reply")));
-  EXPECT_EQ(server.names, Strings{"foo"});
-  EXPECT_EQ(ToHex(reply_of(*first)), ToHex(Golden("slice_taken_reply")));
-  EXPECT_EQ(server.names, Strings{"foo"});
-}
-
-TEST(RecvLargeDataServer, SendsTheResultBackUnderItsName) {
-  const SliceSizeScope size(20);
+TEST(RecvLargeDataServer, GivesTheResultToBeSentBackUnderItsName) {
   Server server([](MIVOParams*, MIVOParams* result) { result->AddString("the result"); });
   server.Receive(Only(Whole("foo", "")));
   const std::string expected =
       Payload().String("the result").KeyString("s_c_sw_name", "s_c_largedata").KeyInt("s_c_sw_threadid", 9);
-  EXPECT_EQ(ToHex(server.sent_back), ToHex(expected));
-  EXPECT_EQ(server.slices_sent, static_cast<int>((expected.size() + 19) / 20));
+  ASSERT_EQ(server.results.size(), 1U);
+  EXPECT_EQ(ToHex(server.results.front()), ToHex(expected));
+  EXPECT_EQ(server.keys, std::vector<int>{9});
 }
 
-TEST(RecvLargeDataServer, StopsSendingBackWhereASliceIsNotAnswered) {
-  const SliceSizeScope size(10);
+TEST(RecvLargeDataServer, GivesAResultOfItsTailAloneForAMethodThatAddsNothing) {
   Server server;
-  server.answers = false;
-  // The request's last slice is answered as ever.
-  EXPECT_EQ(ToHex(WithTail(server.Receive(Only(Whole("foo", ""))))), ToHex(Golden("slice_completed_reply")));
-  EXPECT_EQ(server.slices_sent, 1);
+  server.Receive(Only(Whole("foo", "")));
+  const std::string expected = Payload().KeyString("s_c_sw_name", "s_c_largedata").KeyInt("s_c_sw_threadid", 9);
+  EXPECT_EQ(server.results, Strings{expected});
 }
 
-TEST(RecvLargeDataServer, HasSentTheResultBackBeforeItAnswersTheLastSlice) {
-  std::vector<std::string> journal;
-  RecvLargeDataServer receiver(
-      [&](const std::string&, int, MIVOParams*, MIVOParams*) { journal.emplace_back("method"); },
-      [&](int, int, MIVOParams*) {
-        journal.emplace_back("result");
-        return true;
-      });
+TEST(RecvLargeDataServer, ServesAMessageUnderTheKeyOfItsSlices) {
+  Server server;
   const std::string whole = Whole("foo", "");
-  MIVOParams request;
-  WriteSlice(Only(whole), &request);
-  request.ToParams();
-  MIVOParams reply;
-  receiver.OnCall(kClient, &request, &reply);
-  journal.emplace_back("answered");
-  EXPECT_EQ(journal, (Strings{"method", "result", "answered"}));
+  server.Receive(Slice{-5, static_cast<int>(whole.size()), whole});
+  const std::string expected = Payload().KeyString("s_c_sw_name", "s_c_largedata").KeyInt("s_c_sw_threadid", -5);
+  EXPECT_EQ(server.keys, std::vector<int>{-5});
+  EXPECT_EQ(server.results, Strings{expected});
+}
+
+TEST(RecvLargeDataServer, KeepsWhatTwoClientsSendUnderOneKeyApart) {
+  Server server([](MIVOParams* request, MIVOParams* result) { result->AddInt(request->GetValue(0)->GetInt()); });
+  const std::string whole = Whole("foo", Payload().Int(5));
+  const int total = static_cast<int>(whole.size());
+  const auto part = [&](std::size_t begin, std::size_t size) {
+    return Slice{9, total, std::string_view(whole).substr(begin, size)};
+  };
+  for (const int client : {kClient, kClient + 16})
+    server.Receive(part(0, 20), client);
+  for (const int client : {kClient, kClient + 16})
+    EXPECT_EQ(ToHex(WithTail(server.Receive(part(20, whole.size()), client))), ToHex(Golden("slice_completed_reply")));
+  EXPECT_EQ(server.names, (Strings{"foo", "foo"}));
+}
+
+TEST(RecvLargeDataServer, ForgetsWhatAClientThatHasGoneLeft) {
+  Server server;
+  server.Receive(Slice{9, 100, "0123456789"});
+  server.Receive(Slice{9, 100, "0123456789"}, kClient + 16);
+  server.receiver.Forget(kClient);
+  EXPECT_EQ(ToHex(WithTail(server.Receive(Only(Whole("foo", ""))))), ToHex(Golden("slice_completed_reply")));
+  EXPECT_EQ(ToHex(WithTail(server.Receive(Only(Whole("foo", "")), kClient + 16))),
+            ToHex(Golden("slice_undecodable_reply")));
+}
+
+TEST(RecvLargeDataServer, AnswersACallOfItsMethodLikeASliceThatWasRead) {
+  Server server;
+  const auto call = [&](const Slice& slice) {
+    MIVOParams request;
+    WriteSlice(slice, &request);
+    MIVOParams reply;
+    server.receiver.OnCall(kClient, &request, &reply);
+    return WithTail(*reply.GetParamas());
+  };
+  EXPECT_EQ(ToHex(call(Slice{9, 100, "\x7F\x7F\x7F"})), ToHex(Golden("slice_taken_reply")));
+  EXPECT_EQ(ToHex(call(Slice{9, 3, ""})), ToHex(Golden("slice_undecodable_reply")));
+  EXPECT_TRUE(server.names.empty());
 }
 
 TEST(RecvLargeDataServer, CallsTheMethodWithoutANameForAMessageWithoutOne) {
@@ -231,27 +230,22 @@ struct NestingServer {
   int innermost = 0;
   Strings results;
   RecvLargeDataServer receiver{[this](const std::string& name, int client_id, MIVOParams* request, MIVOParams* result) {
-                                 if (name != "s_c_req_body") {
-                                   ++innermost;
-                                   return;
-                                 }
-                                 ++depth;
-                                 deepest = depth > deepest ? depth : deepest;
-                                 receiver.OnCall(client_id, request, result);
-                                 --depth;
-                               },
-                               [this](int, int, MIVOParams* params) {
-                                 params->ToParams();
-                                 results.emplace_back(ReadSlice(*params->GetParamas()).bytes);
-                                 return true;
-                               }};
+    if (name != "s_c_req_body") {
+      ++innermost;
+      result->AddString(name.c_str());
+      return;
+    }
+    ++depth;
+    deepest = depth > deepest ? depth : deepest;
+    receiver.OnCall(client_id, request, result);
+    --depth;
+  }};
 
-  void Receive(const std::string& whole) {
-    MIVOParams request;
-    WriteSlice(Only(whole), &request);
-    request.ToParams();
-    MIVOParams reply;
-    receiver.OnCall(kClient, &request, &reply);
+  // The results of this message.
+  Strings Receive(const std::string& whole) {
+    RecvLargeDataServer::Served served = receiver.Serve(kClient, {9, whole});
+    results = std::move(served.results);
+    return results;
   }
 };
 
@@ -262,6 +256,61 @@ TEST(RecvLargeDataServer, ServesMessagesInsideMessages) {
     EXPECT_EQ(server.innermost, 1) << levels;
     EXPECT_EQ(server.deepest, levels);
   }
+}
+
+TEST(RecvLargeDataServer, GivesTheResultsOfMessagesInsideFirst) {
+  NestingServer server;
+  const auto with_tail = [](Payload result) {
+    return result.KeyString("s_c_sw_name", "s_c_largedata").KeyInt("s_c_sw_threadid", 9).bytes();
+  };
+  // What the receiver answers to a slice that completes a message is the result of the message that held it.
+  const Payload answer = Payload().KeyString("s_c_sw_name", "retval").Int(1).KeyString("s_c_sw_name", "retval").Int(0);
+  EXPECT_EQ(server.Receive(Nested(2)),
+            (Strings{with_tail(Payload().String("innermost")), with_tail(answer), with_tail(answer)}));
+  EXPECT_EQ(server.Receive(Nested(0)), Strings{with_tail(Payload().String("innermost"))})
+      << "and none of an earlier message";
+}
+
+TEST(RecvLargeDataServer, GivesTheResultsInsideOneOfItsNamesToTheMessageUnderTheOther) {
+  // A server has two receivers, and a message for one may hold a message for the other.
+  Strings names;
+  RecvLargeDataServer inner([&](const std::string& name, int, MIVOParams*, MIVOParams* result) {
+    names.push_back(name);
+    result->AddInt(1);
+  });
+  RecvLargeDataServer outer([&](const std::string& name, int client_id, MIVOParams* request, MIVOParams* result) {
+    names.push_back(name);
+    inner.OnCall(client_id, request, result);
+  });
+  const RecvLargeDataServer::Served served = outer.Serve(kClient, {9, Nested(1)});
+  EXPECT_EQ(names, (Strings{"s_c_req_body", "innermost"}));
+  ASSERT_EQ(served.results.size(), 2U);
+  EXPECT_EQ(ToHex(served.results.front()),
+            ToHex(Payload().Int(1).KeyString("s_c_sw_name", "s_c_largedata").KeyInt("s_c_sw_threadid", 9).bytes()));
+}
+
+TEST(RecvLargeDataServer, KeepsMessagesOfSeveralThreadsApart) {
+  RecvLargeDataServer receiver([&](const std::string& name, int client_id, MIVOParams* request, MIVOParams* result) {
+    if (name == "s_c_req_body") {
+      receiver.OnCall(client_id, request, result);
+    } else {
+      result->AddInt(client_id);
+    }
+  });
+  std::vector<std::thread> threads;
+  for (int client = 1; client <= 4; ++client) {
+    threads.emplace_back([&receiver, client] {
+      const std::string expected =
+          Payload().Int(client).KeyString("s_c_sw_name", "s_c_largedata").KeyInt("s_c_sw_threadid", 9);
+      for (int round = 0; round < 100; ++round) {
+        const RecvLargeDataServer::Served served = receiver.Serve(client, {9, Nested(3)});
+        ASSERT_EQ(served.results.size(), 4U);
+        EXPECT_EQ(served.results.front(), expected);
+      }
+    });
+  }
+  for (std::thread& thread : threads)
+    thread.join();
 }
 
 TEST(RecvLargeDataServer, TakesTheMethodOfAMessageTooDeepInsideForUnknown) {
@@ -291,7 +340,7 @@ std::string ReceiveWithResultOf(std::size_t size, const std::string& name) {
     result->GetParamas()->resize(size);
   });
   const std::string reply = server.Receive(Only(Whole(name.c_str(), "")));
-  EXPECT_EQ(server.slices_sent, 0);
+  EXPECT_TRUE(server.results.empty());
   return WithTail(reply);
 }
 

@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 #include <mivo/params.h>
 
+#include <cstddef>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -196,74 +198,52 @@ TEST(ClientReplies, GiveWayToTheReplyOfTheCall) {
   EXPECT_EQ(replies.CollectStored(kKey), nullptr);
 }
 
-TEST(ServerReplies, ReturnTheEarlierReplyToACallThatGotNone) {
-  ReplyTable replies(Retention::kStale);
-  replies.BeginCall(kKey);
-  MIVOParams* const first = replies.Collect(kKey, Reply(1));
-  replies.BeginCall(kKey);
-  EXPECT_EQ(replies.CollectStored(kKey), first);
-  EXPECT_EQ(NumberIn(first), 1);
-  // And again, as often as calls get none.
-  for (int call = 0; call < 5; ++call) {
-    replies.BeginCall(kKey);
-    EXPECT_EQ(replies.CollectStored(kKey), first);
-    EXPECT_EQ(NumberIn(first), 1);
+TEST(ReplyTable, KeepsNothingForKeysOfWhichNothingCame) {
+  for (const Retention retention : {Retention::kUntilNextCall, Retention::kStale}) {
+    ReplyTable replies(retention);
+    const std::size_t before = mivo_test::LiveBytes();
+    for (int key = 1; key <= 20000; ++key) {
+      replies.BeginCall({key, 16});
+      EXPECT_EQ(replies.CollectStored({key, 16}), nullptr);
+      EXPECT_EQ(replies.TakeUnread({key, 16}), std::nullopt);
+    }
+    EXPECT_LT(mivo_test::LiveBytes(), before + 65536);
   }
 }
 
-TEST(ServerReplies, ReturnWhatCameForNobodyAlsoFromBeforeTheCall) {
-  ReplyTable replies(Retention::kStale);
-  replies.Store(kKey, Reply(1));
-  replies.BeginCall(kKey);
-  MIVOParams* const set = replies.CollectStored(kKey);
-  EXPECT_EQ(NumberIn(set), 1);
-  // A late one displaces it for the next call.
-  replies.Store(kKey, Reply(2));
-  replies.BeginCall(kKey);
-  EXPECT_EQ(NumberIn(replies.CollectStored(kKey)), 2);
-  EXPECT_EQ(NumberIn(set), 1);
+TEST(ReplyTable, GivesWhatCameForNobodyAsItCameAndOnce) {
+  for (const Retention retention : {Retention::kUntilNextCall, Retention::kStale}) {
+    ReplyTable replies(retention);
+    const std::string payload = Payload().Int(5).Raw("\x7F");
+    replies.Store(kKey, payload);
+    EXPECT_EQ(replies.TakeUnread(kKey), payload);
+    EXPECT_EQ(replies.TakeUnread(kKey), std::nullopt);
+    EXPECT_EQ(replies.CollectStored(kKey), nullptr);
+    replies.Store(kKey, "");
+    EXPECT_EQ(replies.TakeUnread(kKey), std::optional<std::string>(""));
+  }
 }
 
-TEST(ServerReplies, ReturnNothingUnderAKeyThatNeverGotAny) {
+TEST(ReplyTable, ForgetsAPeerWhileOthersCallIt) {
   ReplyTable replies(Retention::kStale);
-  EXPECT_EQ(replies.CollectStored(kKey), nullptr);
-  replies.BeginCall(kKey);
-  EXPECT_EQ(replies.CollectStored(kKey), nullptr);
-  replies.Collect(kKey + 1, Reply(1));
-  EXPECT_EQ(replies.CollectStored(kKey), nullptr);
-}
-
-TEST(ServerReplies, KeepADisplacedSetUntilTheSecondCallAfterIt) {
-  ReplyTable replies(Retention::kStale);
-  replies.BeginCall(kKey);
-  MIVOParams* const first = replies.Collect(kKey, Reply(1));
-  replies.BeginCall(kKey);
-  MIVOParams* const second = replies.Collect(kKey, Reply(2));
-  EXPECT_EQ(NumberIn(first), 1);
-  replies.BeginCall(kKey);
-  EXPECT_EQ(NumberIn(first), 1);
-  EXPECT_EQ(NumberIn(second), 2);
-  MIVOParams* const third = replies.Collect(kKey, Reply(3));
-  // From here on the first is gone; the second still has a call to go.
-  replies.BeginCall(kKey);
-  EXPECT_EQ(NumberIn(second), 2);
-  EXPECT_EQ(NumberIn(third), 3);
-}
-
-TEST(ServerReplies, HoldABoundedNumberOfSetsUnderAKey) {
-  ReplyTable replies(Retention::kStale);
-  const std::string large(100000, 'x');
-  const std::string payload = Payload().String(large);
-  const auto call = [&] {
-    replies.BeginCall(kKey);
-    replies.Collect(kKey, payload);
-  };
-  for (int i = 0; i < 5; ++i)
-    call();
-  const std::size_t before = mivo_test::LiveBytes();
-  for (int i = 0; i < 50; ++i)
-    call();
-  EXPECT_LT(mivo_test::LiveBytes(), before + 5 * large.size());
+  std::vector<std::thread> threads;
+  for (int key = 1; key <= 3; ++key) {
+    threads.emplace_back([&replies, key] {
+      for (int call = 0; call < 300; ++call) {
+        const ReplyPlace place(key, 16 * (call % 3));
+        replies.BeginCall(place);
+        replies.Store(place, Reply(-5));
+        // Somebody's forgetting does not take it from under its reader.
+        EXPECT_EQ(NumberIn(replies.Collect(place, Reply(key))), key);
+      }
+    });
+  }
+  threads.emplace_back([&replies] {
+    for (int round = 0; round < 300; ++round)
+      replies.ForgetPeer(16 * (round % 3));
+  });
+  for (std::thread& thread : threads)
+    thread.join();
 }
 
 }  // namespace

@@ -1,10 +1,12 @@
-// Two ends of a stream: one that a test opens as a libuv handle, one that it reads and writes by hand.
+// Two ends of a stream: one that the library gets, one that a test reads and writes by hand.
 #ifndef MIVO_TESTS_UNIT_STREAM_PAIR_H_
 #define MIVO_TESTS_UNIT_STREAM_PAIR_H_
 
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <linux/sockios.h>
 #include <netinet/in.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -49,13 +51,27 @@ class StreamPair {
     ClosePeer();
   }
 
-  // Of the end that a handle is going to own.
+  // Of the end that the library is going to own.
   int TakeOurs() { return std::exchange(ours_, -1); }
 
   void Write(std::string_view bytes) {
     if (send(peer_, bytes.data(), bytes.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(bytes.size())) {
       throw std::runtime_error("the pair takes no more");
     }
+  }
+
+  // False if there is no room for all of it; then nothing was written. For a few bytes at a time: of more, a part may
+  // be.
+  bool TryWrite(std::string_view bytes) {
+    const ssize_t count = send(peer_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+    if (count > 0 && count != static_cast<ssize_t>(bytes.size())) throw std::runtime_error("the pair takes a part");
+    return count > 0;
+  }
+
+  // Whether what was written was taken by whoever reads the other end. Not over TCP.
+  bool IsTaken() const {
+    int left = 0;
+    return ioctl(peer_, SIOCOUTQ, &left) == 0 && left == 0;
   }
 
   // What has arrived by now, up to `most` bytes at a time.

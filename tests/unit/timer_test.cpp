@@ -79,7 +79,7 @@ TEST(Timer, IsSilentOnceClosedAlsoByItsTick) {
                           timer.Close();
                         }),
             0);
-  loop.Run();
+  loop.RunOut();
   EXPECT_EQ(ticks, 1);
   timer.Close();
 }

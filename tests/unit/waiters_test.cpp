@@ -3,8 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <climits>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <set>
 #include <string>
@@ -13,40 +13,41 @@
 
 #include "base/clock.h"
 #include "base/identity.h"
+#include "unit/test_waiter.h"
 
 namespace mivo {
 namespace {
 
+using Of = Waiter::Of;
 using Woken = Waiters::Woken;
 using ZeroTimeout = Waiters::ZeroTimeout;
 
 constexpr int kPeer = 16;
 constexpr int kKey = 9;
-constexpr std::int64_t kDayMs = 24LL * 60 * 60 * 1000;
+constexpr std::int64_t kMs = 1'000'000;
+constexpr std::int64_t kDay = 24LL * 60 * 60 * 1000 * kMs;
 
-const int kOwner = 0;
-
-// Listed or not? Taking it back tells, and lists it again.
-bool IsListed(Waiters& waiters, Waiter& waiter) {
-  if (!waiters.Unlist(waiter)) return false;
-  waiters.List(waiter);
-  return true;
+TEST(Waiter, OfTheLibrarySaysSoByItsToken) {
+  const TestWaiter waiter(kPeer, kKey, 0, Of::kLibrary);
+  EXPECT_TRUE(IsToken(waiter.token()));
+  EXPECT_TRUE(IsLibraryToken(waiter.token()));
 }
 
 TEST(Waiter, HasATokenOfItsOwn) {
   std::set<std::uintptr_t> tokens;
   for (int i = 0; i < 1000; ++i) {
     // The same memory again and again, never the same token.
-    const Waiter waiter(&kOwner, kPeer, kKey, 0);
-    EXPECT_TRUE(IsWaiterToken(waiter.token()));
+    const TestWaiter waiter(kPeer, kKey, 0);
+    EXPECT_TRUE(IsToken(waiter.token()));
+    EXPECT_FALSE(IsLibraryToken(waiter.token()));
     EXPECT_TRUE(tokens.insert(waiter.token()).second);
   }
 }
 
 TEST(Waiters, GiveTheReplyToTheCallThatItNames) {
   Waiters waiters(ZeroTimeout::kWaitsForEver);
-  Waiter waiter(&kOwner, kPeer, kKey, 0);
-  Waiter other(&kOwner, kPeer, kKey, 0);
+  TestWaiter waiter(kPeer, kKey, 0);
+  TestWaiter other(kPeer, kKey, 0);
   waiters.List(waiter);
   waiters.List(other);
   std::string reply = "reply";
@@ -57,7 +58,7 @@ TEST(Waiters, GiveTheReplyToTheCallThatItNames) {
 
 TEST(Waiters, TellAnEmptyReplyFromNone) {
   Waiters waiters(ZeroTimeout::kWaitsForEver);
-  Waiter waiter(&kOwner, kPeer, kKey, 0);
+  TestWaiter waiter(kPeer, kKey, 0);
   waiters.List(waiter);
   std::string reply;
   EXPECT_EQ(waiters.WakeByToken(waiter.token(), kPeer, kKey, &reply), Woken::kWithReply);
@@ -66,7 +67,7 @@ TEST(Waiters, TellAnEmptyReplyFromNone) {
 
 TEST(Waiters, AReplyUnderAnotherKeyWakesItsCallWithNothing) {
   Waiters waiters(ZeroTimeout::kWaitsForEver);
-  Waiter waiter(&kOwner, kPeer, kKey, 0);
+  TestWaiter waiter(kPeer, kKey, 0);
   waiters.List(waiter);
   std::string reply = "reply";
   EXPECT_EQ(waiters.WakeByToken(waiter.token(), kPeer, kKey + 1, &reply), Woken::kWithNothing);
@@ -77,7 +78,7 @@ TEST(Waiters, AReplyUnderAnotherKeyWakesItsCallWithNothing) {
 
 TEST(Waiters, AReplyFromAnotherPeerWakesNobody) {
   Waiters waiters(ZeroTimeout::kWaitsForEver);
-  Waiter waiter(&kOwner, kPeer, kKey, 0);
+  TestWaiter waiter(kPeer, kKey, 0);
   waiters.List(waiter);
   std::string reply = "reply";
   EXPECT_EQ(waiters.WakeByToken(waiter.token(), kPeer + 16, kKey, &reply), Woken::kNobody);
@@ -87,7 +88,7 @@ TEST(Waiters, AReplyFromAnotherPeerWakesNobody) {
 
 TEST(Waiters, AForeignTokenWakesNobody) {
   Waiters waiters(ZeroTimeout::kWaitsForEver);
-  Waiter waiter(&kOwner, kPeer, kKey, 0);
+  TestWaiter waiter(kPeer, kKey, 0);
   waiters.List(waiter);
   std::string reply = "reply";
   for (const std::uintptr_t token : {std::uintptr_t{0}, std::uintptr_t{0xdead}, waiter.token() + 1}) {
@@ -99,7 +100,7 @@ TEST(Waiters, AForeignTokenWakesNobody) {
 
 TEST(Waiters, ASecondReplyWakesNobody) {
   Waiters waiters(ZeroTimeout::kWaitsForEver);
-  Waiter waiter(&kOwner, kPeer, kKey, 0);
+  TestWaiter waiter(kPeer, kKey, 0);
   waiters.List(waiter);
   std::string reply = "first";
   EXPECT_EQ(waiters.WakeByToken(waiter.token(), kPeer, kKey, &reply), Woken::kWithReply);
@@ -113,14 +114,14 @@ TEST(Waiters, AReplyThatComesLateWakesNobody) {
   Waiters waiters(ZeroTimeout::kWaitsForEver);
   std::uintptr_t late = 0;
   {
-    Waiter waiter(&kOwner, kPeer, kKey, 1);
+    TestWaiter waiter(kPeer, kKey, 1);
     late = waiter.token();
     waiters.List(waiter);
-    waiters.Sweep(NowMs() + kDayMs);
+    waiters.Sweep(NowNs() + kDay);
     EXPECT_EQ(waiter.Wait(), std::nullopt);
   }
   // The next call, perhaps in the very same memory, on the same key.
-  Waiter next(&kOwner, kPeer, kKey, 0);
+  TestWaiter next(kPeer, kKey, 0);
   waiters.List(next);
   std::string reply = "late";
   EXPECT_EQ(waiters.WakeByToken(late, kPeer, kKey, &reply), Woken::kNobody);
@@ -129,7 +130,7 @@ TEST(Waiters, AReplyThatComesLateWakesNobody) {
 
 TEST(Waiters, GiveAWaiterBackOnce) {
   Waiters waiters(ZeroTimeout::kWaitsForEver);
-  Waiter waiter(&kOwner, kPeer, kKey, 0);
+  TestWaiter waiter(kPeer, kKey, 0);
   EXPECT_FALSE(waiters.Unlist(waiter));
   waiters.List(waiter);
   EXPECT_TRUE(waiters.Unlist(waiter));
@@ -140,9 +141,9 @@ TEST(Waiters, GiveAWaiterBackOnce) {
 
 TEST(Waiters, WakeOneOfThoseUnderAKey) {
   Waiters waiters(ZeroTimeout::kWaitsForEver);
-  Waiter first(&kOwner, kPeer, kKey, 0);
-  Waiter second(&kOwner, kPeer, kKey, 0);
-  Waiter other(&kOwner, kPeer, kKey + 1, 0);
+  TestWaiter first(kPeer, kKey, 0);
+  TestWaiter second(kPeer, kKey, 0);
+  TestWaiter other(kPeer, kKey + 1, 0);
   waiters.List(first);
   waiters.List(second);
   waiters.List(other);
@@ -157,7 +158,7 @@ TEST(Waiters, WakeOneOfThoseUnderAKey) {
 
 TEST(Waiters, WakeNobodyUnderAKeyThatNobodyWaitsFor) {
   Waiters waiters(ZeroTimeout::kWaitsForEver);
-  Waiter waiter(&kOwner, kPeer, kKey, 0);
+  TestWaiter waiter(kPeer, kKey, 0);
   waiters.List(waiter);
   std::string reply = "result";
   EXPECT_FALSE(waiters.WakeByKey(kKey + 1, &reply));
@@ -165,109 +166,74 @@ TEST(Waiters, WakeNobodyUnderAKeyThatNobodyWaitsFor) {
   EXPECT_TRUE(waiters.Unlist(waiter));
 }
 
-TEST(Waiters, ReleaseTheOneThatATokenNames) {
+TEST(Waiters, ReleaseEveryWaiter) {
   Waiters waiters(ZeroTimeout::kEndsAtNextSweep);
-  Waiter waiter(&kOwner, kPeer, kKey, 1000);
-  Waiter other(&kOwner, kPeer, kKey, 1000);
-  waiters.List(waiter);
-  waiters.List(other);
-  waiters.Release(0xdead);
-  waiters.Release(waiter.token());
-  waiters.Release(waiter.token());
-  EXPECT_EQ(waiter.Wait(), std::nullopt);
-  EXPECT_TRUE(waiters.Unlist(other));
-}
-
-TEST(Waiters, ReleaseEveryWaiterOfAnOwnerAndNoOther) {
-  const int another_owner = 0;
-  Waiters waiters(ZeroTimeout::kEndsAtNextSweep);
-  Waiter one(&kOwner, kPeer, 1, 0);
-  Waiter two(&kOwner, kPeer + 16, 2, 1000);
-  Waiter other(&another_owner, kPeer, 1, 0);
+  TestWaiter one(kPeer, 1, 0);
+  TestWaiter two(kPeer + 16, 2, 1000);
+  TestWaiter given_back(kPeer, 3, 0);
   waiters.List(one);
   waiters.List(two);
-  waiters.List(other);
-  waiters.ReleaseAll(&kOwner);
+  waiters.List(given_back);
+  EXPECT_TRUE(waiters.Unlist(given_back));
+  waiters.ReleaseAll();
+  waiters.ReleaseAll();
   EXPECT_EQ(one.Wait(), std::nullopt);
   EXPECT_EQ(two.Wait(), std::nullopt);
-  EXPECT_TRUE(waiters.Unlist(other));
+  EXPECT_EQ(given_back.times_woken(), 0);
 }
 
-TEST(Waiters, ExpireStrictlyAfterTheirTimeout) {
+TEST(Waiters, FindEachOfAThousand) {
+  // More than there are rows at first; tokens of both kinds.
   Waiters waiters(ZeroTimeout::kWaitsForEver);
-  const std::int64_t before = NowMs();
-  Waiter waiter(&kOwner, kPeer, kKey, 100000);
-  const std::int64_t after = NowMs();
-  waiters.List(waiter);
-  waiters.Sweep(before + 100000);
-  EXPECT_TRUE(IsListed(waiters, waiter));
-  waiters.Sweep(after + 100001);
-  EXPECT_FALSE(IsListed(waiters, waiter));
-  EXPECT_EQ(waiter.Wait(), std::nullopt);
-}
-
-TEST(Waiters, DoNotExpireByAClockThatWasReadBeforeTheyBegan) {
-  Waiters waiters(ZeroTimeout::kEndsAtNextSweep);
-  Waiter short_one(&kOwner, kPeer, kKey, 1);
-  Waiter zero(&kOwner, kPeer, kKey, 0);
-  waiters.List(short_one);
-  waiters.List(zero);
-  waiters.Sweep(NowMs() - 1000);
-  waiters.Sweep(NowMs() - kDayMs);
-  EXPECT_TRUE(IsListed(waiters, short_one));
-  EXPECT_TRUE(IsListed(waiters, zero));
-  EXPECT_TRUE(waiters.Unlist(short_one));
-  EXPECT_TRUE(waiters.Unlist(zero));
-}
-
-TEST(Waiters, ExpireOneByOne) {
-  Waiters waiters(ZeroTimeout::kWaitsForEver);
-  Waiter sooner(&kOwner, kPeer, 1, 1000);
-  Waiter later(&kOwner, kPeer, 2, 1000000);
-  waiters.List(sooner);
-  waiters.List(later);
-  waiters.Sweep(NowMs() + 10000);
-  EXPECT_EQ(sooner.Wait(), std::nullopt);
-  EXPECT_TRUE(waiters.Unlist(later));
-}
-
-TEST(Waiters, OfAClientWaitForEverWithoutATimeout) {
-  Waiters waiters(ZeroTimeout::kWaitsForEver);
-  Waiter waiter(&kOwner, kPeer, kKey, 0);
-  waiters.List(waiter);
-  waiters.Sweep(NowMs() + 1000 * kDayMs);
-  EXPECT_TRUE(waiters.Unlist(waiter));
-}
-
-TEST(Waiters, OfAServerEndAtTheNextSweepWithoutATimeout) {
-  Waiters waiters(ZeroTimeout::kEndsAtNextSweep);
-  const std::int64_t before = NowMs();
-  Waiter waiter(&kOwner, kPeer, kKey, 0);
-  const std::int64_t after = NowMs();
-  waiters.List(waiter);
-  // In the millisecond of its beginning it has waited for nothing yet.
-  waiters.Sweep(before);
-  EXPECT_TRUE(IsListed(waiters, waiter));
-  waiters.Sweep(after + 1);
-  EXPECT_EQ(waiter.Wait(), std::nullopt);
-}
-
-TEST(Waiters, TakeANegativeTimeoutForSomeFiftyDays) {
-  for (const ZeroTimeout zero : {ZeroTimeout::kWaitsForEver, ZeroTimeout::kEndsAtNextSweep}) {
-    Waiters waiters(zero);
-    Waiter minus_one(&kOwner, kPeer, kKey, -1);
-    Waiter least(&kOwner, kPeer, kKey, INT_MIN);
-    waiters.List(minus_one);
-    waiters.List(least);
-    waiters.Sweep(NowMs() + 24 * kDayMs);
-    EXPECT_TRUE(IsListed(waiters, minus_one));
-    EXPECT_TRUE(IsListed(waiters, least));
-    waiters.Sweep(NowMs() + 25 * kDayMs);
-    EXPECT_EQ(least.Wait(), std::nullopt);
-    EXPECT_TRUE(IsListed(waiters, minus_one));
-    waiters.Sweep(NowMs() + 50 * kDayMs);
-    EXPECT_EQ(minus_one.Wait(), std::nullopt);
+  std::vector<std::unique_ptr<TestWaiter>> listed;
+  for (int key = 0; key < 1000; ++key) {
+    listed.push_back(std::make_unique<TestWaiter>(kPeer, key, 0, key % 3 == 0 ? Of::kLibrary : Of::kApplication));
+    waiters.List(*listed.back());
   }
+  for (int key = 0; key < 1000; key += 2) {
+    std::string reply = std::to_string(key);
+    TestWaiter& waiter = *listed[static_cast<std::size_t>(key)];
+    EXPECT_EQ(waiters.WakeByToken(waiter.token(), kPeer, key, &reply), Woken::kWithReply);
+    EXPECT_EQ(waiter.Wait(), std::to_string(key));
+  }
+  for (int key = 1; key < 1000; key += 2)
+    EXPECT_TRUE(waiters.Unlist(*listed[static_cast<std::size_t>(key)]));
+  for (const std::unique_ptr<TestWaiter>& waiter : listed)
+    EXPECT_FALSE(waiters.Unlist(*waiter));
+}
+
+// On the heap, and gone with its waking, which lists the next one: as a chain of calls does that nobody waits for.
+class ChainedWaiter : public Waiter {
+ public:
+  ChainedWaiter(Waiters& waiters, int links, int* woken)
+      : Waiter(kPeer, kKey, 1), waiters_(waiters), links_(links), woken_(woken) {}
+
+ private:
+  void OnWoken(std::optional<std::string>) override {
+    const std::unique_ptr<ChainedWaiter> self(this);
+    ++*woken_;
+    if (links_ > 1) waiters_.List(*new ChainedWaiter(waiters_, links_ - 1, woken_));
+  }
+
+  Waiters& waiters_;
+  const int links_;
+  int* const woken_;
+};
+
+TEST(Waiters, LetAWokenOneDeleteItselfAndListAnother) {
+  Waiters waiters(ZeroTimeout::kWaitsForEver);
+  int woken = 0;
+  waiters.List(*new ChainedWaiter(waiters, 3, &woken));
+  waiters.List(*new ChainedWaiter(waiters, 3, &woken));
+  waiters.Sweep(NowNs() + kDay);
+  EXPECT_EQ(woken, 2) << "the next ones not by the same sweep";
+  waiters.ReleaseAll();
+  EXPECT_EQ(woken, 4);
+  std::string reply;
+  EXPECT_TRUE(waiters.WakeByKey(kKey, &reply));
+  EXPECT_TRUE(waiters.WakeByKey(kKey, &reply));
+  EXPECT_FALSE(waiters.WakeByKey(kKey, &reply));
+  EXPECT_EQ(woken, 6);
 }
 
 TEST(Waiters, WakeAWaiterOnceWhoeverComesFirst) {
@@ -282,7 +248,7 @@ TEST(Waiters, WakeAWaiterOnceWhoeverComesFirst) {
   for (int caller = 0; caller < kCallers; ++caller) {
     threads.emplace_back([&, caller] {
       for (int call = 0; call < kCalls; ++call) {
-        Waiter waiter(&kOwner, kPeer, caller, 1);
+        TestWaiter waiter(kPeer, caller, 1);
         waiters.List(waiter);
         latest[caller] = waiter.token();
         if (call % 3 == 0 && waiters.Unlist(waiter)) continue;
@@ -302,8 +268,8 @@ TEST(Waiters, WakeAWaiterOnceWhoeverComesFirst) {
   });
   std::thread sweeps([&] {
     while (!stop) {
-      waiters.Sweep(NowMs() + kDayMs);
-      waiters.ReleaseAll(&kOwner);
+      waiters.Sweep(NowNs() + kDay);
+      waiters.ReleaseAll();
       std::this_thread::yield();
     }
   });

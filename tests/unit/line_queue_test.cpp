@@ -1,0 +1,63 @@
+#include "base/line_queue.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <string>
+
+#include "support/background.h"
+#include "support/output_channel.h"
+
+namespace mivo {
+namespace {
+
+using mivo_test::Background;
+using mivo_test::Channel;
+using mivo_test::OutputChannel;
+using mivo_test::Stopwatch;
+
+constexpr std::chrono::milliseconds kMoment{50};
+
+TEST(LineQueue, IsEmptyAtOnceWhenNothingWaits) {
+  OutputChannel out(Channel::Pipe);
+  LineQueue queue;
+  queue.Write("line\n");
+  EXPECT_EQ(out.ReadNow(), "line\n");
+  queue.AwaitEmpty(mivo_test::kPatience);
+}
+
+TEST(LineQueue, AwaitsAReaderForAsLongAsItIsToldAndNoLonger) {
+  // Not on the stack: its thread may look at it after the lines are out.
+  static LineQueue queue;
+  OutputChannel out(Channel::Pipe);
+  out.Fill();
+  queue.Write("line\n");
+  const Stopwatch watch;
+  queue.AwaitEmpty(kMoment);
+  EXPECT_GE(watch.ElapsedMs(), kMoment.count());
+  Background<std::string> reader([&] { return out.ReadUntil("line\n"); });
+  queue.AwaitEmpty(mivo_test::kPatience);
+  const std::string text = reader.Get();
+  EXPECT_EQ(text.substr(text.size() - 6), ".line\n");
+}
+
+TEST(LineQueue, IsBoundedByBytesToo) {
+  static LineQueue queue;
+  OutputChannel out(Channel::Pipe);
+  out.Fill();
+  const std::string line = std::string(1022, 'x') + "\n";
+  const std::size_t fitting = LineQueue::kMaxBytes / line.size();
+  ASSERT_LT(fitting + 100, LineQueue::kMaxLines);
+  // One of them may be on its way already.
+  for (std::size_t i = 0; i < fitting + 100; ++i)
+    queue.Write(line);
+  const std::string text = out.ReadUntil(" lines lost\n");
+  const std::size_t note = text.rfind('\n', text.size() - 2) + 1;
+  const std::size_t lost = std::stoul(text.substr(note));
+  EXPECT_GE(lost, 98U);
+  EXPECT_LE(lost, 100U);
+  queue.AwaitEmpty(mivo_test::kPatience);
+}
+
+}  // namespace
+}  // namespace mivo
