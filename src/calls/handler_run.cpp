@@ -7,6 +7,7 @@
 #include "base/handler_scope.h"
 #include "base/printable.h"
 #include "calls/diagnostics.h"
+#include "transport/served_peer.h"
 
 namespace mivo {
 
@@ -18,8 +19,10 @@ void RunGuarded(const HandlerCall& call, Body body) {
   try {
     body();
   } catch (const std::exception& error) {
+    if (!ServedPeer::MayCauseLine()) return;
     call.print.Error("handler %s: %s\n", Printable(call.name).c_str(), Printable(error.what()).c_str());
   } catch (...) {
+    if (!ServedPeer::MayCauseLine()) return;
     call.print.Error("handler %s: unknown exception\n", Printable(call.name).c_str());
   }
 }

@@ -7,6 +7,7 @@
 
 #include "transport/connection.h"
 #include "transport/frame.h"
+#include "transport/served_peer.h"
 #include "values/params_bytes.h"
 
 namespace mivo {
@@ -50,6 +51,7 @@ void SendReply(Connection& connection, const Envelope& request, std::string repl
 }
 
 void RequestJob::Run() {
+  const ServedPeer scope(*request_.connection);
   try {
     server_.Serve(request_, &reply_);
   } catch (const std::bad_alloc&) {

@@ -12,6 +12,7 @@
 #include "largedata/result_transfer.h"
 #include "transport/builtin_keys.h"
 #include "transport/envelope.h"
+#include "transport/served_peer.h"
 
 namespace mivo {
 
@@ -29,6 +30,7 @@ class Serving::LargeRequestJob : public Job {
 
   void Run() override {
     const std::shared_ptr<Connection>& client = slice_->connection;
+    const ServedPeer scope(*client);
     try {
       const int key = whole_.key;
       RecvLargeDataServer::Served served = receiver_.Serve(client->id(), std::move(whole_));

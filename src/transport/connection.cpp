@@ -108,11 +108,15 @@ bool Connection::Send(Frame frame) {
   return false;
 }
 
-void Connection::SayOfPeer(std::string_view line) {
+bool Connection::MayCauseLine() {
   const std::int64_t now_ms = NowMs();
-  if (!lines_.Allow(now_ms)) return;
+  if (!lines_.Allow(now_ms)) return false;
   if (const std::int64_t count = lines_.TakeSuppressed(now_ms)) WriteLine(CountedLines(count, "suppressed"));
-  WriteLine(line);
+  return true;
+}
+
+void Connection::SayOfPeer(std::string_view line) {
+  if (MayCauseLine()) WriteLine(line);
 }
 
 void Connection::Drop() {

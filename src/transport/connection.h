@@ -66,7 +66,10 @@ class Connection : public Source,
   // In OnPayload: the payload's bytes, to be kept. Long ones are not copied, and stay where `payload` views them.
   OwnedPayload TakePayload(std::string_view payload) { return reassembler_.TakePayload(payload); }
 
-  // Writes a line that the peer has caused. Of too many in a second the rest is counted in one.
+  // Whether the peer may cause one more line. Of too many in a second the rest is counted in one.
+  bool MayCauseLine();
+
+  // Writes a line that the peer has caused, if it may.
   void SayOfPeer(std::string_view line);
 
   // For what cannot be sent: reports a frame that is dropped as Send does.
