@@ -93,6 +93,7 @@ int Listener::AcceptWaiting() {
     if (status == -EAGAIN || IsOutOfResources(status)) return status;
     // Gone before their turn came.
     if (status == -ECONNABORTED || status == -EINTR) continue;
+    has_accepted_ = has_accepted_ || descriptor >= 0;
     on_incoming_(status);
   }
   return 0;
@@ -100,13 +101,20 @@ int Listener::AcceptWaiting() {
 
 void Listener::Pause(int status) {
   uv_poll_stop(poll_.get());
+  has_accepted_ = false;
   retry_.Start(loop_.uv(), kPauseMs, kPauseMs, [this] { TryToResume(); });
   // State first: the answer may be a close.
   on_incoming_(status);
 }
 
 void Listener::TryToResume() {
-  if (IsOutOfResources(AcceptWaiting()) || socket_ < 0) return;
+  const int status = AcceptWaiting();
+  if (socket_ < 0) return;
+  if (IsOutOfResources(status)) {
+    // Somebody was let in: this is another shortage than the one that was told.
+    if (std::exchange(has_accepted_, false)) on_incoming_(status);
+    return;
+  }
   retry_.Close();
   StartPolling();
 }

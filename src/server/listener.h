@@ -52,7 +52,8 @@ class Listener {
   int socket_ = -1;
   SocketFile file_;  // of a local socket
   Handle<uv_poll_t> poll_;
-  Timer retry_;  // during a pause
+  Timer retry_;                // during a pause
+  bool has_accepted_ = false;  // since the pause began
 };
 
 }  // namespace mivo

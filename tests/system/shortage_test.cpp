@@ -272,6 +272,9 @@ const Role kSqueezed("squeezed server", [](const std::string& name) {
 });
 
 TEST(ShortageOfARealKind, IsSurvived) {
+#if defined(__SANITIZE_ADDRESS__)
+  GTEST_SKIP() << "the undefined-behaviour sanitizer needs descriptors of its own, to look whether memory is there";
+#endif
   const Address address = FreeAddress(Transport::Local);
   ChildProgram program = StartRole("squeezed server", address.name);
   ASSERT_EQ(program.io().ReadBytes(1), "r");
