@@ -160,7 +160,7 @@ std::size_t WriteAsFarAsItGoes(std::string_view text, Patience patience) {
 void AwaitRoomOnStdout() {
   pollfd entry{::fileno(stdout), POLLOUT, 0};
   ::poll(&entry, 1, kLookAgainMs);
-  // A tty with room for one byte is ready, and does not take a line end, which is two.
+  // A tty with room for one byte is ready, and does not take a line end, which is two: without a pause this would spin.
   ::usleep(kBreathUs);
 }
 

@@ -11,7 +11,7 @@ namespace mivo {
 namespace {
 
 // Looks for the banner alone: no values are built.
-class BannerSink : public DecodeSink {
+class BannerSink : public KeyedSink {
  public:
   bool is_ours() const { return is_ours_; }
 
@@ -22,14 +22,6 @@ class BannerSink : public DecodeSink {
   void OnKeyed(std::string_view key, const Scalar& value) override {
     if (key == kVersionKey) is_ours_ = value.tag == WireTag::kString && value.bytes == kVersionBanner;
   }
-
-  void OnPositional(const Scalar&) override {}
-  void OnListBegin() override {}
-  void OnListElement(const Scalar&) override {}
-  void OnListEnd() override {}
-  void OnListMapBegin() override {}
-  void OnListMapEntry(std::string_view, const Scalar&) override {}
-  void OnListMapEnd() override {}
 
  private:
   bool is_ours_ = false;

@@ -75,6 +75,7 @@ Door::Sent Door::SendLocked(Frame& frame, Loss* loss) {
     const std::size_t count = PartsOf(frame, 0, parts.data());
     Written written = Write(parts.data(), count);
     for (int tries = 1; written.error != 0 && !HasPeerGone(written.error) && tries < kTries; ++tries) {
+      // Nobody tells when there is memory again.
       ::usleep(kPauseUs);
       written = Write(parts.data(), count);
     }

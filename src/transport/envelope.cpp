@@ -13,7 +13,7 @@ namespace mivo {
 
 namespace {
 
-class EnvelopeSink : public DecodeSink {
+class EnvelopeSink : public KeyedSink {
  public:
   explicit EnvelopeSink(Envelope& envelope) : envelope_(envelope) {}
 
@@ -42,14 +42,6 @@ class EnvelopeSink : public DecodeSink {
       if (is_text || value.tag == WireTag::kStream) envelope_.data = value.bytes;
     }
   }
-
-  void OnPositional(const Scalar&) override {}
-  void OnListBegin() override {}
-  void OnListElement(const Scalar&) override {}
-  void OnListEnd() override {}
-  void OnListMapBegin() override {}
-  void OnListMapEntry(std::string_view, const Scalar&) override {}
-  void OnListMapEnd() override {}
 
  private:
   Envelope& envelope_;

@@ -54,6 +54,18 @@ class DecodeSink {
   virtual void OnListMapEnd() = 0;
 };
 
+// For those who look at what stands under keys, and pass over all else.
+class KeyedSink : public DecodeSink {
+ public:
+  void OnPositional(const Scalar&) final {}
+  void OnListBegin() final {}
+  void OnListElement(const Scalar&) final {}
+  void OnListEnd() final {}
+  void OnListMapBegin() final {}
+  void OnListMapEntry(std::string_view, const Scalar&) final {}
+  void OnListMapEnd() final {}
+};
+
 // Reads one whole encoding, from its first byte on: records carry their own absolute offsets, so a part of an encoding
 // does not decode. Returns true when the end was reached without a fault, false at the first fault; what was reported
 // until then stands.

@@ -431,6 +431,7 @@ TEST_P(CallsOfOtherServers, OfWhichAPostCameFirstDoNotWaitForTheTimersFirstDelay
     const int id = ids.At(0);
     ASSERT_TRUE(peer.AnswersInOrder());
     server->PostMsg(id, "foo", nullptr, 9);
+    // The timer's first delay, which the post began, goes by.
     std::this_thread::sleep_for(std::chrono::milliseconds(600));
     const Stopwatch watch;
     ASSERT_EQ(server->SendMsg(id, "foo", nullptr, 9, 0), nullptr);

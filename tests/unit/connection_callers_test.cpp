@@ -279,6 +279,7 @@ TEST(ConnectionCallers, AndThePoolReadEverythingOnceAndInOrder) {
             peers.connection->ReadAsCaller(Never, NowNs() + kNsPerMs / 2);
           }
           peers.connection->LeaveAsCaller(caller);
+          // Sometimes nobody wants to read, so that the pool does; nothing is waited for.
           if (turn % 5 == 0) std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
       });
