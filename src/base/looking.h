@@ -38,8 +38,9 @@ class Looking {
   }
 
  private:
-  // Measured: 5 and 10 us end before the other side's answer, 50 shorten nothing any more.
-  static constexpr std::int64_t kPatienceNs = 20'000;
+  // Measured: 20 us end before the answer of another side that was itself just woken, and then both go on sleeping and
+  // waking each other; with 50 they get out of it, and 100 shorten nothing any more.
+  static constexpr std::int64_t kPatienceNs = 50'000;
   static constexpr std::int64_t kCrowdedNs = 200'000;
   static constexpr std::int64_t kShortestPauseNs = 20'000'000;
   static constexpr std::int64_t kLongestPauseNs = 1'000'000'000;

@@ -4,6 +4,8 @@
 
 #include <mivo/params.h>
 
+#include <cstddef>
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -52,16 +54,20 @@ class RequestJob : public Job {
  public:
   RequestJob(JobGroup& group, RequestServer& server, std::shared_ptr<Connection> from, std::string_view bytes,
              const Envelope& read)
-      : Job(group), server_(server), request_(std::move(from), bytes, read) {}
+      : Job(group, KindOf(read)), server_(server), request_(std::move(from), bytes, read) {}
   RequestJob(JobGroup& group, RequestServer& server, std::shared_ptr<Connection> from, OwnedPayload taken,
              std::string_view bytes, const Envelope& read)
-      : Job(group), server_(server), request_(std::move(from), std::move(taken), bytes, read) {}
+      : Job(group, KindOf(read)), server_(server), request_(std::move(from), std::move(taken), bytes, read) {}
 
   // Without memory for the arguments or the reply, the connection that has sent the request ends.
   void Run() override;
   void Finish() override;
 
  private:
+  static std::size_t KindOf(const Envelope& request) {
+    return std::hash<std::string_view>()(request.name.value_or(std::string_view()));
+  }
+
   RequestServer& server_;
   const Request request_;
   MIVOParams reply_;

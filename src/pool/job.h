@@ -2,6 +2,7 @@
 #ifndef MIVO_POOL_JOB_H_
 #define MIVO_POOL_JOB_H_
 
+#include <cstddef>
 #include <memory>
 #include <utility>
 
@@ -50,7 +51,8 @@ class JobGroup {
 // jobs of its group until it is destroyed.
 class Job {
  public:
-  explicit Job(JobGroup& group) : group_(group) { group_.Enter(); }
+  // Jobs of one kind are taken to last about as long as each other.
+  explicit Job(JobGroup& group, std::size_t kind = 0) : group_(group), kind_(kind) { group_.Enter(); }
   // What a job holds of its owner has to be gone before the owner may believe that nothing is left: a derived class
   // gives it up in its own destructor, which runs first.
   virtual ~Job() { group_.Leave(); }
@@ -65,11 +67,13 @@ class Job {
   virtual void Finish() {}
 
   bool IsOf(const JobGroup& group) const { return &group_ == &group; }
+  std::size_t kind() const { return kind_; }
 
  private:
   friend class Jobs;
 
   JobGroup& group_;
+  const std::size_t kind_;
   Job* next_ = nullptr;  // in a list of jobs
 };
 

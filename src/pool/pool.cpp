@@ -16,11 +16,7 @@ namespace {
 
 constexpr int kUsualSize = 4;
 constexpr int kLargestSize = 1024;
-constexpr std::chrono::microseconds kTick{200};
-// Handlers that take longer on average are worth waking somebody who reads meanwhile.
-constexpr std::int64_t kSlowJobNs = 10'000;
-constexpr std::int64_t kLongestCountedNs = 1'000'000;
-constexpr int kWeightOfPast = 16;
+constexpr std::chrono::microseconds kTick{2000};
 // While one connection has always something, the others get a look every so many rounds; while it has nothing, too.
 constexpr unsigned int kBusyRounds = 16;
 constexpr unsigned int kQuietRounds = 4;
@@ -141,10 +137,11 @@ void Pool::ThreadMain(bool as_watcher) {
 
 void Pool::RunJob() {
   std::unique_ptr<Job> job = jobs_.Pop();
+  const std::size_t kind = job->kind();
   ++running_;
   ++moves_;
   if (!has_reader_ || MayRunJob()) {
-    if (usual_job_ns_ > kSlowJobNs) {
+    if (usual_times_.IsSlow(kind)) {
       CallHelper();
     } else {
       CallWatcher();
@@ -153,13 +150,13 @@ void Pool::RunJob() {
   mutex_.unlock();
   const std::int64_t begin_ns = NowNs();
   job->Run();
-  const std::int64_t took_ns = std::min(NowNs() - begin_ns, kLongestCountedNs);
+  const std::int64_t took_ns = NowNs() - begin_ns;
   job->Finish();
   job.reset();
   mutex_.lock();
   --running_;
   ++moves_;
-  usual_job_ns_ += (took_ns - usual_job_ns_) / kWeightOfPast;
+  usual_times_.Count(kind, took_ns);
 }
 
 void Pool::TakeTurn() {

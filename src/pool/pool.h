@@ -11,6 +11,7 @@
 #include "base/mutex.h"
 #include "pool/job.h"
 #include "pool/poller.h"
+#include "pool/usual_times.h"
 #include "pool/watch.h"
 
 namespace mivo {
@@ -21,10 +22,10 @@ namespace mivo {
 //   reading   one thread, the reader, waits for all descriptors. What it has read becomes jobs. Then it stops being the
 //             reader and does the first of them itself: no hand-over, and the answer leaves from the thread that has
 //             read the question.
-//   handing   meanwhile nobody reads. When handlers have lately been slow, another thread is woken to take over at
-//   over      once. Otherwise a watcher, one of the resting threads, looks every 200 us whether anything has moved, and
-//             takes over when not: to be woken costs more than most handlers take. A watcher without traffic goes to
-//             rest.
+//   handing   meanwhile nobody reads. Where handlers of that kind have lately been slow, another thread is woken to
+//   over      take over at once. Otherwise a watcher, one of the resting threads, looks every 2 ms whether anything has
+//             moved, and takes over when not: to be woken costs more than most handlers take, and so would be to look
+//             more often. A watcher without traffic goes to rest.
 //   looking   a reader that has just seen traffic looks for more without blocking, see Looking.
 //
 // All threads are started with the first use; those that could not be had then, when they are needed. Any thread may
@@ -95,7 +96,7 @@ class Pool {
   int resting_ MIVO_GUARDED_BY(mutex_) = 0;
   int running_ MIVO_GUARDED_BY(mutex_) = 0;
   std::uint64_t moves_ MIVO_GUARDED_BY(mutex_) = 0;  // turns of reading, and jobs begun or done
-  std::int64_t usual_job_ns_ MIVO_GUARDED_BY(mutex_) = 0;
+  UsualTimes usual_times_ MIVO_GUARDED_BY(mutex_);
 
   // The reader only.
   Looking looking_;
