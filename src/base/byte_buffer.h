@@ -10,6 +10,8 @@
 #include <string_view>
 #include <utility>
 
+#include "base/spare_memory.h"
+
 namespace mivo {
 
 // std::string writes zeros before the bytes are read that replace them, and copies where the allocator could move
@@ -17,7 +19,7 @@ namespace mivo {
 class ByteBuffer {
  public:
   ByteBuffer() = default;
-  ~ByteBuffer() { std::free(bytes_); }
+  ~ByteBuffer() { GiveSpareBlock({bytes_, capacity_}); }
   ByteBuffer(ByteBuffer&& other) noexcept
       : bytes_(std::exchange(other.bytes_, nullptr)),
         size_(std::exchange(other.size_, 0)),
@@ -32,11 +34,20 @@ class ByteBuffer {
 
   // Exactly as much; throws std::bad_alloc, and then nothing has changed.
   void Reserve(std::size_t capacity) {
-    if (capacity <= capacity_) return;
+    if (capacity <= capacity_ || TakeSpare(capacity)) return;
     void* const moved = std::realloc(bytes_, capacity);
     if (moved == nullptr) throw std::bad_alloc();
     bytes_ = static_cast<char*>(moved);
     capacity_ = capacity;
+  }
+
+  // False if there is no spare memory of about that much.
+  bool TakeSpare(std::size_t capacity) {
+    Block spare = TakeSpareBlock(capacity);
+    if (spare.bytes == nullptr) return false;
+    if (size_ > 0) std::memcpy(spare.bytes, bytes_, size_);
+    GiveSpareBlock({std::exchange(bytes_, std::exchange(spare.bytes, nullptr)), std::exchange(capacity_, spare.size)});
+    return true;
   }
 
   void Append(std::string_view bytes) {
@@ -60,9 +71,7 @@ class ByteBuffer {
   // Gives memory back that is not needed.
   void Shrink() {
     if (size_ == 0) {
-      std::free(bytes_);
-      bytes_ = nullptr;
-      capacity_ = 0;
+      GiveSpareBlock({std::exchange(bytes_, nullptr), std::exchange(capacity_, 0)});
     } else if (void* const moved = std::realloc(bytes_, size_)) {
       bytes_ = static_cast<char*>(moved);
       capacity_ = size_;

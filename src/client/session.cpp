@@ -7,6 +7,7 @@
 #include "base/clock.h"
 #include "base/identity.h"
 #include "base/pointer_text.h"
+#include "base/spare_memory.h"
 #include "calls/handler_run.h"
 #include "calls/outgoing_call.h"
 #include "client/call_turn.h"
@@ -144,6 +145,7 @@ void Session::SayThatItRuns(const char* local_text, const char* tcp_text) {
 
 void Session::Sweep() {
   const std::int64_t now_ns = NowNs();
+  AgeSpareMemory(now_ns);
   for (Waiters* const waiters : {&waiters_, &large_waiters_}) {
     waiters->Sweep(now_ns);
     waiters->AnnounceSweep(now_ns + kSweepMs * kNsPerMs, kSweepMs * kNsPerMs);
@@ -228,7 +230,8 @@ void Session::TakeSlice(const Envelope& envelope) {
 void Session::DeliverReply(const Envelope& envelope, std::string_view payload) {
   if (!envelope.thread_id) return;
   const int key = *envelope.thread_id;
-  std::string reply(payload);
+  std::string reply = TakeSpareString(payload.size());
+  reply.assign(payload);
   if (envelope.sem_id) {
     const std::uintptr_t token = TextToPointer(*envelope.sem_id);
     const Waiters::Woken woken = waiters_.WakeByToken(token, connection_->id(), key, &reply);

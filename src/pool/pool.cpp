@@ -9,6 +9,7 @@
 
 #include "base/clock.h"
 #include "base/library_thread.h"
+#include "base/spare_memory.h"
 
 namespace mivo {
 
@@ -20,6 +21,12 @@ constexpr std::chrono::microseconds kTick{2000};
 // While one connection has always something, the others get a look every so many rounds; while it has nothing, too.
 constexpr unsigned int kBusyRounds = 16;
 constexpr unsigned int kQuietRounds = 4;
+
+// A reader that sleeps looks after spare memory, as long as there is any.
+int SleepMs() {
+  constexpr int kSpareMemoryMs = 1100;
+  return HasSpareMemory() ? kSpareMemoryMs : -1;
+}
 
 int SizeFromEnvironment() {
   const char* const text = std::getenv("UV_THREADPOOL_SIZE");
@@ -211,7 +218,7 @@ void Pool::ReadUntilJobs(Jobs* jobs) {
     if (!may_look || rounds_ % (was_active ? kBusyRounds : kQuietRounds) == 0) {
       // Asleep, it must not keep alive what is being closed.
       if (!may_look) active.reset();
-      if (ReadEvents(may_look ? 0 : -1, jobs)) {
+      if (ReadEvents(may_look ? 0 : SleepMs(), jobs)) {
         looking_.Saw(NowNs());
         active = active_.lock();
         if (jobs->empty()) continue;
@@ -226,6 +233,7 @@ void Pool::ReadUntilJobs(Jobs* jobs) {
 bool Pool::ReadEvents(int timeout_ms, Jobs* jobs) {
   bool was_active = false;
   poller_.Wait(timeout_ms, &events_);
+  if (timeout_ms > 0 && events_.empty()) AgeSpareMemory(NowNs());
   if (frozen_) events_.clear();
   for (const Poller::Event& event : events_) {
     if (event.may_write || event.has_ended) event.source->Write();

@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "base/clock.h"
+#include "base/spare_memory.h"
 #include "base/standard_output.h"
 
 namespace mivo {
@@ -60,6 +61,7 @@ Door::Sent Door::Send(Frame frame) {
     MutexLock lock(mutex_);
     sent = SendLocked(frame, &loss);
   }
+  GiveSpareString(std::move(frame.payload));
   loss.Tell();
   if (sent == Sent::kDropped) PrintDirect("write error\n");
   return sent;
@@ -130,6 +132,7 @@ bool Door::WriteSome(Loss* loss) {
   first_written_ += written.size;
   while (!queue_.empty() && first_written_ >= SizeOf(queue_.front())) {
     first_written_ -= SizeOf(queue_.front());
+    GiveSpareString(std::move(queue_.front().payload));
     queue_.pop_front();
   }
   return written.size > 0;

@@ -3,6 +3,7 @@
 #include <mivo/params.h>
 
 #include "base/pointer_text.h"
+#include "base/spare_memory.h"
 #include "transport/builtin_keys.h"
 #include "transport/frame.h"
 #include "values/decoder.h"
@@ -74,8 +75,9 @@ std::string EncodeRequest(std::string_view name, int key, const MIVOParams* para
   const std::string_view data = params == nullptr ? std::string_view() : EncodingOf(*params);
   RequireSendable(name.size() + data.size());
 
-  std::string out;
-  out.reserve(kEnvelopeSize + name.size() + data.size());
+  const std::size_t size = kEnvelopeSize + name.size() + data.size();
+  std::string out = TakeSpareString(size);
+  out.reserve(size);
   AppendKeyValueString(out, kNameKey, name);
   AppendKeyValueInt(out, kThreadIdKey, key);
   if (params != nullptr) AppendKeyValueStream(out, kDataKey, data);

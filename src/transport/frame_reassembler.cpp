@@ -65,8 +65,8 @@ FrameReassembler::Room FrameReassembler::RoomForMore() {
   if (pending.size() < kFramePrefixSize || LengthAt(pending) < 0) return {nullptr, 0};
   const std::size_t whole = kFramePrefixSize + static_cast<std::size_t>(LengthAt(pending));
   if (whole < pending.size() + kLongRest) return {nullptr, 0};
-  // Twice what has arrived, not what was announced.
-  if (pending_.capacity() - pending.size() < kLongRest) {
+  // Twice what has arrived, not what was announced; unless there is spare memory for all of it.
+  if (pending_.capacity() - pending.size() < kLongRest && !pending_.TakeSpare(whole)) {
     pending_.Reserve(std::min(whole, std::max(2 * pending.size(), pending.size() + kLongRest)));
   }
   return {pending_.end(), std::min(whole, pending_.capacity()) - pending.size()};

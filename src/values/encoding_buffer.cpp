@@ -4,6 +4,7 @@
 #include <functional>
 #include <utility>
 
+#include "base/spare_memory.h"
 #include "values/thread_stock.h"
 
 namespace mivo {
@@ -29,6 +30,7 @@ EncodingBuffer* EncodingBuffer::New() {
 // One whose string was given away goes: somebody may still have its address.
 void EncodingBuffer::Delete(EncodingBuffer* buffer) {
   if (buffer == nullptr) return;
+  if (buffer->bytes_.capacity() >= kLeastSpare) GiveSpareString(std::exchange(buffer->bytes_, std::string()));
   buffer->Clear();
   if (buffer->shown_ || buffer->bytes_.capacity() > kLongestSpare || !SpareBuffers::Give(buffer)) delete buffer;
 }
@@ -37,8 +39,11 @@ void EncodingBuffer::Reserve(std::size_t size, std::initializer_list<std::string
   const std::string_view former = view();
   const std::size_t needed = former.size() + size;
   if (!is_borrowed() && bytes_.capacity() >= needed) return;
-  std::string grown;
-  grown.reserve(std::max({needed, (former.size() < kFewBytes ? 4 : 2) * former.size(), kSmallestRoom}));
+  // What is large is often followed by a few small records, and by the envelope.
+  const std::size_t wanted =
+      std::max({needed + kSmallestRoom, (former.size() < kFewBytes ? 4 : 2) * former.size(), kSmallestRoom});
+  std::string grown = TakeSpareString(wanted);
+  grown.reserve(wanted);
   grown.append(former);
   const std::less<> less;
   for (std::string_view* source : sources) {
@@ -89,6 +94,7 @@ void EncodingBuffer::Assign(std::string_view bytes) {
 }
 
 void EncodingBuffer::Adopt(std::string bytes) {
+  if (bytes_.capacity() >= kLeastSpare && !shown_) GiveSpareString(std::move(bytes_));
   bytes_ = std::move(bytes);
   borrowed_ = std::string_view();
   Measure();

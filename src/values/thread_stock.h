@@ -7,13 +7,7 @@
 
 #include <cstddef>
 
-#if defined(__SANITIZE_ADDRESS__)
-#define MIVO_NO_STOCK 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#define MIVO_NO_STOCK 1
-#endif
-#endif
+#include "base/checked_memory.h"
 
 namespace mivo {
 
@@ -47,13 +41,9 @@ class ThreadStock {
   };
 
   static Shelf* MakeShelf() {
-#ifdef MIVO_NO_STOCK
-    return nullptr;
-#else
-    if (is_over_) return nullptr;
+    if (kMemoryIsChecked || is_over_) return nullptr;
     thread_local Shelf shelf;
     return shelf_ = &shelf;
-#endif
   }
 
   // Sets are destroyed up to a thread's very end, when its other objects are gone: so what is asked each time has no

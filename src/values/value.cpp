@@ -5,6 +5,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "base/spare_memory.h"
 #include "values/thread_stock.h"
 
 namespace {
@@ -29,11 +30,15 @@ std::string* NewText(const char* bytes, long length) {
       return spare.release();
     }
   }
-  return new std::string(bytes, size);
+  std::string text = mivo::TakeSpareString(size);
+  if (size > 0) text.assign(bytes, size);
+  return new std::string(std::move(text));
 }
 
 void DeleteText(std::string* text) {
-  if (text == nullptr || text->capacity() > kLongestSpare || !SpareTexts::Give(text)) delete text;
+  if (text == nullptr || (text->capacity() <= kLongestSpare && SpareTexts::Give(text))) return;
+  if (text->capacity() >= mivo::kLeastSpare) mivo::GiveSpareString(std::move(*text));
+  delete text;
 }
 
 template <typename... Arguments>

@@ -20,9 +20,7 @@ struct Counted {
 };
 
 TEST(ThreadStock, KeepsSoManyAndFreesThemWithTheirThread) {
-#ifdef MIVO_NO_STOCK
-  GTEST_SKIP() << "nothing is kept under a checker of memory";
-#endif
+  if (mivo::kMemoryIsChecked) GTEST_SKIP() << "nothing is kept under a checker of memory";
   using Stock = mivo::ThreadStock<Counted, 2>;
   int alive = 0;
   std::thread([&alive] {
