@@ -2,7 +2,10 @@
 #ifndef MIVO_BASE_PRESENCE_H_
 #define MIVO_BASE_PRESENCE_H_
 
-#include "base/mutex.h"
+#include <atomic>
+#include <cstdint>
+
+#include "base/futex.h"
 
 namespace mivo {
 
@@ -21,25 +24,25 @@ class Presence {
     Presence& presence_;
   };
 
+  // One thread at a time. Whoever leaves last touches nothing any more once this can return.
   void WaitUntilNobody() {
-    MutexLock lock(mutex_);
-    while (inside_ != 0)
-      left_.Wait(mutex_);
+    std::uint32_t inside = inside_.fetch_or(kAwaited, std::memory_order_acq_rel) | kAwaited;
+    while (inside != kAwaited) {
+      FutexSleep(inside_, inside);
+      inside = inside_.load(std::memory_order_acquire);
+    }
+    inside_.fetch_and(~kAwaited, std::memory_order_relaxed);
   }
 
  private:
-  void Enter() {
-    MutexLock lock(mutex_);
-    ++inside_;
-  }
+  static constexpr std::uint32_t kAwaited = 0x80000000;
+
+  void Enter() { inside_.fetch_add(1, std::memory_order_acq_rel); }
   void Leave() {
-    MutexLock lock(mutex_);
-    if (--inside_ == 0) left_.NotifyAll();
+    if (inside_.fetch_sub(1, std::memory_order_acq_rel) == (kAwaited | 1)) FutexWake(inside_);
   }
 
-  Mutex mutex_;
-  Condition left_;
-  int inside_ MIVO_GUARDED_BY(mutex_) = 0;
+  std::atomic<std::uint32_t> inside_{0};
 };
 
 }  // namespace mivo

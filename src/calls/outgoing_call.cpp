@@ -11,7 +11,6 @@ namespace mivo {
 
 namespace {
 // A sweep that is late is not waited for longer than this.
-constexpr std::chrono::milliseconds kLateSweep{100};
 constexpr std::int64_t kLateSweepNs = 100'000'000;
 constexpr std::int64_t kGlanceNs = 2'000'000;
 }  // namespace
@@ -67,42 +66,27 @@ bool OutgoingCall::ReadUntilWoken(Waiters& waiters, Connection& connection) {
 // The sweep that ends calls runs on the loop thread of the object that calls. A loop thread that calls through another
 // object may be waited for by that very thread, and looks after its own time-out.
 bool OutgoingCall::WaitForNews(Waiters& waiters) {
-  const std::optional<std::int64_t> sweep_ns = EventLoop::InAnyThread() ? waiters.LastSweepFor(*this) : std::nullopt;
-  {
-    MutexLock lock(mutex_);
-    const auto deadline =
-        std::chrono::steady_clock::time_point(std::chrono::nanoseconds(sweep_ns.value_or(0))) + kLateSweep;
-    while (!is_woken_ && !is_reader_) {
-      if (!sweep_ns) {
-        news_.Wait(mutex_);
-      } else if (!news_.WaitUntil(mutex_, deadline)) {
-        break;
-      }
-    }
-    is_reader_ = false;
-    if (is_woken_ || !sweep_ns || std::chrono::steady_clock::now() < deadline) return true;
-  }
-  return !waiters.Unlist(*this);
+  std::optional<std::int64_t> deadline_ns = EventLoop::InAnyThread() ? waiters.LastSweepFor(*this) : std::nullopt;
+  if (deadline_ns) *deadline_ns += kLateSweepNs;
+  const bool has_news = news_.Sleep(deadline_ns);
+  news_.Clear(kReader);
+  return has_news || !waiters.Unlist(*this);
 }
 
 void OutgoingCall::OnWoken(std::optional<std::string> reply) {
-  MutexLock lock(mutex_);
   reply_ = std::move(reply);
-  is_woken_.store(true, std::memory_order_release);
-  news_.NotifyAll();
+  news_.Set(kWoken);
 }
 
 void OutgoingCall::BecomeReader() {
-  MutexLock lock(mutex_);
-  is_reader_ = true;
-  news_.NotifyAll();
+  news_.Set(kReader);
 }
 
 std::optional<std::string> OutgoingCall::Take() {
-  // Whoever has woken it has let go of it when the lock can be had.
-  MutexLock lock(mutex_);
-  while (!is_woken_)
-    news_.Wait(mutex_);
+  while (!IsWoken()) {
+    news_.Sleep();
+    news_.Clear(kReader);
+  }
   return std::move(reply_);
 }
 

@@ -2,13 +2,12 @@
 #ifndef MIVO_CALLS_OUTGOING_CALL_H_
 #define MIVO_CALLS_OUTGOING_CALL_H_
 
-#include <atomic>
-#include <chrono>
+#include <cstdint>
 #include <functional>
 #include <optional>
 #include <string>
 
-#include "base/mutex.h"
+#include "base/wake_word.h"
 #include "calls/waiters.h"
 #include "transport/reading_role.h"
 
@@ -33,18 +32,18 @@ class OutgoingCall final : public Waiter, private ReadingRole::Caller {
   void OnWoken(std::optional<std::string> reply) override;
   void BecomeReader() override;
 
-  bool IsWoken() const { return is_woken_.load(std::memory_order_acquire); }
+  bool IsWoken() const { return (news_.bits() & kWoken) != 0; }
   // Reads, or waits to be woken or to become the reader, until woken. False: no one wakes it any more.
   bool ReadUntilWoken(Waiters& waiters, Connection& connection);
   bool WaitForNews(Waiters& waiters);
   std::optional<std::string> Take();
 
-  Mutex mutex_;
-  Condition news_;
-  // Written under the lock, last of all; a reader looks at it between two reads.
-  std::atomic<bool> is_woken_{false};
-  bool is_reader_ MIVO_GUARDED_BY(mutex_) = false;
-  std::optional<std::string> reply_ MIVO_GUARDED_BY(mutex_);
+  static constexpr std::uint32_t kWoken = 1;
+  static constexpr std::uint32_t kReader = 2;
+
+  WakeWord news_;
+  // Whoever wakes it writes it, before.
+  std::optional<std::string> reply_;
 };
 
 }  // namespace mivo

@@ -79,7 +79,9 @@ void Pool::Push(std::unique_ptr<Job> job) {
 void Pool::Push(Jobs jobs) {
   MutexLock lock(mutex_);
   jobs_.Append(jobs);
-  if (MayRunJob()) CallHelper();
+  if (!MayRunJob()) return;
+  jobs_wait_ = true;
+  if (!reader_looks_) CallHelper();
 }
 
 void Pool::DropWaiting(const JobGroup& group) {
@@ -144,6 +146,7 @@ void Pool::ThreadMain(bool as_watcher) {
 
 void Pool::RunJob() {
   std::unique_ptr<Job> job = jobs_.Pop();
+  jobs_wait_ = false;
   const std::size_t kind = job->kind();
   ++running_;
   ++moves_;
@@ -157,23 +160,29 @@ void Pool::RunJob() {
   mutex_.unlock();
   const std::int64_t begin_ns = NowNs();
   job->Run();
-  const std::int64_t took_ns = NowNs() - begin_ns;
+  const std::int64_t end_ns = NowNs();
   job->Finish();
   job.reset();
   mutex_.lock();
   --running_;
   ++moves_;
-  usual_times_.Count(kind, took_ns);
+  last_job_ns_ = end_ns;
+  usual_times_.Count(kind, end_ns - begin_ns);
 }
 
 void Pool::TakeTurn() {
   has_reader_ = true;
+  reader_looks_ = true;
+  jobs_wait_ = false;
+  // Whoever has been served may ask again at once, and a caller may read it.
+  if (last_job_ns_ != 0) looking_.Saw(std::exchange(last_job_ns_, 0));
   mutex_.unlock();
   Jobs jobs;
   ReadUntilJobs(&jobs);
   mutex_.lock();
   jobs_.Append(jobs);
   has_reader_ = false;
+  reader_looks_ = false;
   ++moves_;
 }
 
@@ -208,16 +217,23 @@ bool Pool::WatchOver() {
   return !has_reader_ || MayRunJob();
 }
 
+bool Pool::MayReaderSleep() {
+  MutexLock lock(mutex_);
+  reader_looks_ = false;
+  return !MayRunJob();
+}
+
 void Pool::ReadUntilJobs(Jobs* jobs) {
   std::shared_ptr<Source> active = active_.lock();
-  while (!frozen_) {
+  while (!frozen_ && !jobs_wait_.load(std::memory_order_relaxed)) {
     std::int64_t now_ns = NowNs();
-    const bool may_look = active != nullptr && looking_.MayGoOn(now_ns);
-    const bool was_active = may_look && active->Read(Source::Cause::kLooking, *jobs);
+    const bool may_look = looking_.MayGoOn(now_ns);
+    const bool was_active = may_look && active != nullptr && active->Read(Source::Cause::kLooking, *jobs);
     ++rounds_;
     if (!may_look || rounds_ % (was_active ? kBusyRounds : kQuietRounds) == 0) {
       // Asleep, it must not keep alive what is being closed.
       if (!may_look) active.reset();
+      if (!may_look && !MayReaderSleep()) return;
       if (ReadEvents(may_look ? 0 : SleepMs(), jobs)) {
         looking_.Saw(NowNs());
         active = active_.lock();

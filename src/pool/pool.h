@@ -26,7 +26,8 @@ namespace mivo {
 //   over      take over at once. Otherwise a watcher, one of the resting threads, looks every 2 ms whether anything has
 //             moved, and takes over when not: to be woken costs more than most handlers take, and so would be to look
 //             more often. A watcher without traffic goes to rest.
-//   looking   a reader that has just seen traffic looks for more without blocking, see Looking.
+//   looking   a reader that has just seen traffic, or run a handler, looks for more without blocking, see Looking. What
+//             a caller has read for the pool meanwhile it takes without being woken.
 //
 // All threads are started with the first use; those that could not be had then, when they are needed. Any thread may
 // call.
@@ -75,6 +76,8 @@ class Pool {
 
   // The reader only.
   void ReadUntilJobs(Jobs* jobs);
+  // Whether it may sleep: nobody tells it of jobs while it looks.
+  bool MayReaderSleep();
   bool ReadEvents(int timeout_ms, Jobs* jobs);
 
   const int handlers_at_once_;
@@ -87,6 +90,10 @@ class Pool {
   // Written under the lock; the reader looks without.
   std::atomic<bool> frozen_{false};
   bool has_reader_ MIVO_GUARDED_BY(mutex_) = false;
+  // The reader does not sleep, and will see that jobs wait.
+  bool reader_looks_ MIVO_GUARDED_BY(mutex_) = false;
+  // Written under the lock; a reader that looks sees it without.
+  std::atomic<bool> jobs_wait_{false};
   bool has_watcher_ MIVO_GUARDED_BY(mutex_) = false;
   bool watcher_called_ MIVO_GUARDED_BY(mutex_) = false;
   // Each of these wishes has a resting thread that was woken for it.
@@ -96,6 +103,7 @@ class Pool {
   int resting_ MIVO_GUARDED_BY(mutex_) = 0;
   int running_ MIVO_GUARDED_BY(mutex_) = 0;
   std::uint64_t moves_ MIVO_GUARDED_BY(mutex_) = 0;  // turns of reading, and jobs begun or done
+  std::int64_t last_job_ns_ MIVO_GUARDED_BY(mutex_) = 0;
   UsualTimes usual_times_ MIVO_GUARDED_BY(mutex_);
 
   // The reader only.
