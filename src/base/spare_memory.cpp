@@ -15,7 +15,7 @@ namespace mivo {
 namespace {
 
 constexpr std::size_t kMostItems = 8;
-constexpr std::size_t kMostBytes = std::size_t{64} << 20;
+constexpr std::size_t kMostBytes = std::size_t{96} << 20;
 
 Mutex mutex;
 [[maybe_unused]] const int held_across_fork = HoldAcrossFork<mutex>();
@@ -99,7 +99,7 @@ Buffer Take(std::size_t size) {
 
 template <class Buffer>
 void Give(Buffer buffer) {
-  if (kMemoryIsChecked || buffer.capacity() < kLeastSpare || buffer.capacity() > kMostBytes / 2) return;
+  if (kMemoryIsChecked || buffer.capacity() < kLeastSpare || buffer.capacity() > kMostBytes / 3) return;
   auto& shelf = ShelfOf<Buffer>();
   last_used_ns.store(NowNs(), std::memory_order_relaxed);
   const auto dropped = [&] {

@@ -11,6 +11,7 @@
 #include "base/handler_scope.h"
 #include "base/library_thread.h"
 #include "base/printable.h"
+#include "base/spare_memory.h"
 #include "calls/handler_run.h"
 #include "client/call_turn.h"
 #include "client/session.h"
@@ -296,7 +297,7 @@ MIVOParams* MIVOClient::SendMsgEx(const char* name, MIVOParams* params, int key,
   std::optional<std::string> result = session->CallLarge(call_key, timeout, [&] {
     SendSlices(whole, call_key, call_key, kSliceTimeoutMs);
     // Not through the wait for the result.
-    std::string().swap(whole);
+    GiveSpareString(std::move(whole));
   });
   if (!isok()) {
     print_.Error("sendmsgex: disconnect... .. .\n");

@@ -1,9 +1,31 @@
 #include "largedata/partial_table.h"
 
+#include <algorithm>
 #include <limits>
+#include <utility>
 #include <vector>
 
+#include "base/spare_memory.h"
+
 namespace mivo {
+
+namespace {
+
+// The total is the peer's word, and no room is made for it before a part of it has arrived.
+void MakeRoom(std::string& so_far, const Slice& slice) {
+  constexpr std::size_t kSmallestPart = 8;
+  const std::size_t needed = so_far.size() + slice.bytes.size();
+  if (needed <= so_far.capacity()) return;
+  const std::size_t total = static_cast<std::size_t>(std::max(slice.total_size, 0));
+  const std::size_t wanted = needed >= total / kSmallestPart ? std::max(total, needed) : 2 * needed;
+  std::string grown = TakeSpareString(wanted);
+  grown.reserve(wanted);
+  grown.append(so_far);
+  so_far.swap(grown);
+  GiveSpareString(std::move(grown));
+}
+
+}  // namespace
 
 std::optional<std::string> PartialTable::Add(int connection_id, const Slice& slice) {
   const std::pair<int, int> place(connection_id, slice.key);
@@ -13,8 +35,9 @@ std::optional<std::string> PartialTable::Add(int connection_id, const Slice& sli
     MutexLock lock(mutex_);
     so_far.swap(partial_[place]);
   }
+  MakeRoom(so_far, slice);
   so_far.append(slice.bytes);
-  // The total is the peer's word: it decides when we are done, never how much we allocate.
+  // The total is the peer's word: it decides when we are done.
   const bool is_whole = slice.total_size <= 0 || static_cast<std::size_t>(slice.total_size) <= so_far.size();
   MutexLock lock(mutex_);
   if (is_whole) {

@@ -7,6 +7,7 @@
 #include <string_view>
 #include <utility>
 
+#include "base/spare_memory.h"
 #include "largedata/slice.h"
 #include "largedata/slice_sender.h"
 #include "transport/builtin_keys.h"
@@ -41,6 +42,11 @@ ResultTransfer::ResultTransfer(std::shared_ptr<Connection> connection, int key, 
       wholes_(std::move(wholes)),
       begin_(std::move(begin)),
       done_(std::move(done)) {}
+
+ResultTransfer::~ResultTransfer() {
+  for (std::string& whole : wholes_)
+    GiveSpareString(std::move(whole));
+}
 
 void ResultTransfer::Start() {
   slice_size_ = SliceSizeOfTransfer();

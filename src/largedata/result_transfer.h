@@ -30,6 +30,8 @@ class ResultTransfer : public std::enable_shared_from_this<ResultTransfer> {
   ResultTransfer(std::shared_ptr<Connection> connection, int key, std::vector<std::string> wholes, Begin begin,
                  std::function<void()> done);
 
+  ~ResultTransfer();
+
   void Start();
 
  private:
@@ -40,7 +42,7 @@ class ResultTransfer : public std::enable_shared_from_this<ResultTransfer> {
 
   const std::shared_ptr<Connection> connection_;
   const int key_;
-  const std::vector<std::string> wholes_;
+  std::vector<std::string> wholes_;
   const Begin begin_;
   const std::function<void()> done_;
   std::size_t slice_size_ = 0;

@@ -13,6 +13,8 @@ namespace {
 
 // Room that a connection may keep while little or nothing is pending.
 constexpr std::size_t kIdleCapacity = 65536;
+// The part of the memory that a frame takes that must have arrived.
+constexpr std::size_t kSmallestPart = 8;
 // A frame of which so much is missing gets its bytes read to where they belong.
 constexpr std::size_t kLongRest = 65536;
 
@@ -65,8 +67,9 @@ FrameReassembler::Room FrameReassembler::RoomForMore() {
   if (pending.size() < kFramePrefixSize || LengthAt(pending) < 0) return {nullptr, 0};
   const std::size_t whole = kFramePrefixSize + static_cast<std::size_t>(LengthAt(pending));
   if (whole < pending.size() + kLongRest) return {nullptr, 0};
-  // Twice what has arrived, not what was announced; unless there is spare memory for all of it.
-  if (pending_.capacity() - pending.size() < kLongRest && !pending_.TakeSpare(whole)) {
+  // Twice what has arrived, not what was announced; but what is spare may as well be used for the whole of it.
+  const bool may_be_whole = pending.size() >= whole / kSmallestPart;
+  if (pending_.capacity() - pending.size() < kLongRest && !(may_be_whole && pending_.TakeSpare(whole))) {
     pending_.Reserve(std::min(whole, std::max(2 * pending.size(), pending.size() + kLongRest)));
   }
   return {pending_.end(), std::min(whole, pending_.capacity()) - pending.size()};
@@ -118,7 +121,8 @@ void FrameReassembler::KeepRest() {
   pending_.Append(chunk_);
   chunk_ = {};
   // What a large frame took is given back when little is left behind it.
-  if (pending_.capacity() > kIdleCapacity && pending_.size() < pending_.capacity() / 4) pending_.Shrink();
+  if (pending_.capacity() > kIdleCapacity && pending_.size() < pending_.capacity() / (2 * kSmallestPart))
+    pending_.Shrink();
 }
 
 }  // namespace mivo
