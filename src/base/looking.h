@@ -15,8 +15,9 @@ namespace mivo {
 // for it without blocking for a short while after the last one, and gives the processor away between two looks. Without
 // traffic there is nothing to look for, and nobody looks.
 //
-// When a look away has taken long, somebody else wants this processor, and looking is a burden to both: it is left for
-// a while, for longer each time.
+// When a look away has taken long, and another one soon after, somebody else wants this processor, and looking is a
+// burden to both: it is left for a while, for longer each time. One alone means little: any machine holds a thread up
+// for a moment, now and then.
 //
 // One thread at a time.
 class Looking {
@@ -32,6 +33,9 @@ class Looking {
     ::sched_yield();
     const std::int64_t back_ns = NowNs();
     if (back_ns - now_ns <= kCrowdedNs) return;
+    const bool was_crowded_before = back_ns - crowded_ns_ < kTogetherNs;
+    crowded_ns_ = back_ns;
+    if (!was_crowded_before) return;
     if (back_ns > off_until_ns_ + kForgivenNs) pause_ns_ = kShortestPauseNs;
     off_until_ns_ = back_ns + pause_ns_;
     pause_ns_ = std::min(2 * pause_ns_, kLongestPauseNs);
@@ -42,11 +46,13 @@ class Looking {
   // waking each other; with 50 they get out of it, and 100 shorten nothing any more.
   static constexpr std::int64_t kPatienceNs = 50'000;
   static constexpr std::int64_t kCrowdedNs = 200'000;
+  static constexpr std::int64_t kTogetherNs = 10'000'000;
   static constexpr std::int64_t kShortestPauseNs = 20'000'000;
   static constexpr std::int64_t kLongestPauseNs = 1'000'000'000;
   static constexpr std::int64_t kForgivenNs = 2'000'000'000;
 
   std::int64_t last_ns_ = -kPatienceNs;
+  std::int64_t crowded_ns_ = -kTogetherNs;
   std::int64_t off_until_ns_ = 0;
   std::int64_t pause_ns_ = kShortestPauseNs;
 };
