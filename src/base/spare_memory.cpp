@@ -59,8 +59,10 @@ class Shelf {
 
   std::array<Buffer, kMostItems> GiveUp() MIVO_REQUIRES(mutex) {
     std::array<Buffer, kMostItems> dropped;
-    while (count_ > 0)
-      dropped[count_ - 1] = Remove(count_ - 1);
+    for (std::size_t i = 0; i < count_; ++i)
+      dropped[i] = std::move(kept_[i]);
+    items -= std::exchange(count_, 0);
+    bytes_ = 0;
     return dropped;
   }
 

@@ -1,6 +1,7 @@
 // Answers that never come, and those that nobody waits for, do not fill the memory.
 #include <mivo/mivo.h>
 
+#include "support/allocated_bytes.h"
 #include "support/asked_peer.h"
 #include "support/background.h"
 #include "support/raw_served_client.h"
@@ -8,7 +9,6 @@
 #include "support/test_client.h"
 #include "support/test_server.h"
 #include "support/wire.h"
-#include "unit/live_bytes.h"
 
 #include <gtest/gtest.h>
 
@@ -29,7 +29,7 @@ constexpr int kMore = 40000;
 constexpr long kBytesForEach = 16;
 
 long Live() {
-  return static_cast<long>(LiveBytes());
+  return static_cast<long>(AllocatedBytes());
 }
 
 // `act(first, last)` does it for these keys and returns when all is done.

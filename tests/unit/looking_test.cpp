@@ -11,7 +11,7 @@ namespace {
 
 constexpr std::int64_t kUs = 1000;
 constexpr std::int64_t kMs = 1000 * kUs;
-constexpr std::int64_t kPatience = 20 * kUs;
+constexpr std::int64_t kPatience = 50 * kUs;
 constexpr std::int64_t kShortestPause = 20 * kMs;
 constexpr std::int64_t kLongestPause = 1000 * kMs;
 
@@ -59,8 +59,9 @@ TEST(Looking, EndsWhenNothingHasComeForAWhile) {
   EXPECT_FALSE(looking.MayGoOn(1000 * kMs + 2 * kPatience));
 }
 
-TEST(Looking, IsLeftForAWhileWhenALookAwayWasLong) {
+TEST(Looking, IsLeftForAWhileWhenTwoLooksAwayWereLong) {
   Looking looking;
+  GiveAwaySince(looking, kMs);
   const std::int64_t before = NowNs();
   GiveAwaySince(looking, kMs);
   const std::int64_t after = NowNs();
@@ -69,8 +70,20 @@ TEST(Looking, IsLeftForAWhileWhenALookAwayWasLong) {
   EXPECT_LE(until, after + kShortestPause + kUs);
 }
 
+TEST(Looking, GoesOnAfterOneThatWasLong) {
+  // Where the machine holds this thread up by itself, there may have been two: one time without that is enough.
+  bool went_on = false;
+  for (int i = 0; i < 1000 && !went_on; ++i) {
+    Looking looking;
+    GiveAwaySince(looking, kMs);
+    went_on = LeftUntil(looking) == 0;
+  }
+  EXPECT_TRUE(went_on);
+}
+
 TEST(Looking, IsLeftForTwiceAsLongEachTimeUpToASecond) {
   Looking looking;
+  GiveAwaySince(looking, kMs);
   for (std::int64_t pause = kShortestPause; pause < 4 * kLongestPause; pause *= 2) {
     const std::int64_t before = NowNs();
     GiveAwaySince(looking, kMs);
