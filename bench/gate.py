@@ -86,12 +86,18 @@ def system_calls(peer, programs):
 
 
 def measured(peer, programs):
+    """The least of each figure, and why system calls are left out if they are: not every container allows tracing."""
     least = {}
+    left_out = None
     for _ in range(REPETITIONS):
-        for measure in (instructions, allocations_and_switches, system_calls):
-            for name, value in measure(peer, programs).items():
-                least[name] = min(value, least.get(name, value))
-    return least
+        found = {**instructions(peer, programs), **allocations_and_switches(peer, programs)}
+        try:
+            found.update(system_calls(peer, programs))
+        except Failed as error:
+            left_out = str(error)
+        for name, value in found.items():
+            least[name] = min(value, least.get(name, value))
+    return least, left_out
 
 
 def allowed(name, limit):
@@ -107,9 +113,12 @@ def main():
                         help=argparse.SUPPRESS)
     options = parser.parse_args()
     try:
-        found = measured(Peer("gate", "gate"), options.programs)
+        found, left_out = measured(Peer("gate", "gate"), options.programs)
     except Failed as error:
         print(f"the gate cannot measure: {error}")
+        return 1
+    if options.update and left_out:
+        print(f"the gate cannot measure system calls: {left_out}")
         return 1
     if options.update:
         with open(LIMITS, "w", encoding="utf-8") as file:
@@ -124,6 +133,9 @@ def main():
     status = 0
     print(f"{'for each small call':22} {'measured':>10} {'checked in':>10} {'allowed':>10}")
     for name in sorted(found.keys() | limits.keys()):
+        if name not in found and left_out and name.endswith("syscalls"):
+            print(f"{name:22} is left out: {left_out}")
+            continue
         if name not in limits or name not in found:
             print(f"{name:22} is {'not measured' if name not in found else 'not checked in'}")
             status = 1
