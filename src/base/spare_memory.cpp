@@ -90,6 +90,9 @@ Shelf<Buffer>& ShelfOf() {
   return *shelf;
 }
 
+// Not while another thread forks: a child would wait for ever for whoever was making it.
+[[maybe_unused]] const bool made_at_load = (ShelfOf<std::string>(), ShelfOf<Block>(), true);
+
 template <class Buffer>
 Buffer Take(std::size_t size) {
   if (size < kLeastSpare || items.load(std::memory_order_relaxed) == 0) return Buffer();

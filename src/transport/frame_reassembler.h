@@ -21,7 +21,8 @@ struct OwnedPayload {
 //     while (reassembler.Next(&payload) == FrameReassembler::kFrame) Use(payload);
 //
 // A length is the peer's word: it decides how long we wait, never how much we allocate. What is kept of an unfinished
-// frame is what has really arrived, and at most as much room again; of memory that is spare anyway, seven times as much.
+// frame is what has really arrived, and at most as much room again; of memory that is spare anyway, up to seven times
+// as much.
 class FrameReassembler {
  public:
   enum Result {
