@@ -1,4 +1,4 @@
-"""Runs the benchmark of encoding and decoding, a Google Benchmark program of its own: bench/codec/ builds bench_codec.
+"""Runs the benchmark of encoding and decoding, a Google Benchmark program of its own: bench/codec/ builds mivo_bench_codec.
 
 Its benchmarks are named <what>/<encoding>: "small set/encode/libmivo" becomes the row "small set/encode" and the column
 "libmivo" of the table."""
@@ -7,7 +7,7 @@ import json
 import os
 import subprocess
 
-PROGRAM = os.path.join("codec", "bench_codec")
+PROGRAM = os.path.join("codec", "mivo_bench_codec")
 
 
 def results(programs, quick):
