@@ -18,15 +18,14 @@ constexpr std::int64_t kGlanceNs = 2'000'000;
 std::optional<std::string> OutgoingCall::Await(Waiters& waiters, Connection* connection,
                                                const std::function<bool()>& send) {
   waiters.List(*this);
-  bool is_sent = false;
   try {
-    is_sent = send();
+    was_sent_ = send();
   } catch (...) {
     // It must not stay listed when it is gone.
     if (!waiters.Unlist(*this)) Take();
     throw;
   }
-  if (!is_sent && waiters.Unlist(*this)) return std::nullopt;
+  if (!was_sent_ && waiters.Unlist(*this)) return std::nullopt;
 
   bool will_be_woken = true;
   if (connection != nullptr) {

@@ -28,6 +28,9 @@ class OutgoingCall final : public Waiter, private ReadingRole::Caller {
   // then others read.
   std::optional<std::string> Await(Waiters& waiters, Connection* connection, const std::function<bool()>& send);
 
+  // After Await without a reply: what `send` has said.
+  bool was_sent() const { return was_sent_; }
+
  private:
   void OnWoken(std::optional<std::string> reply) override;
   void BecomeReader() override;
@@ -41,6 +44,7 @@ class OutgoingCall final : public Waiter, private ReadingRole::Caller {
   static constexpr std::uint32_t kWoken = 1;
   static constexpr std::uint32_t kReader = 2;
 
+  bool was_sent_ = false;
   WakeWord news_;
   // Whoever wakes it writes it, before.
   std::optional<std::string> reply_;

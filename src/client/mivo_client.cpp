@@ -75,6 +75,7 @@ MIVOClient::~MIVOClient() {
     session->Join();
   }
   callers_.WaitUntilNobody();
+  async_calls_.WaitUntilIdle();
 }
 
 bool MIVOClient::InitMIVOClient(const char* name, bool) {
@@ -107,7 +108,8 @@ bool MIVOClient::Init(Endpoint endpoint) {
   // Known before it connects, so that a close can end the attempt.
   const std::string name = endpoint.name;
   const auto session = std::make_shared<Session>(
-      ClientParts{this, print_, handlers_, replies_, large_replies_, large_data_receiver_, *this}, std::move(endpoint));
+      ClientParts{this, print_, handlers_, replies_, large_replies_, large_data_receiver_, *this, async_calls_},
+      std::move(endpoint));
   BeginSession(session);
   if (!session->Connect()) {
     DropSession(session);

@@ -2,6 +2,7 @@
 #ifndef MIVO_CLIENT_MIVO_CLIENT_H_
 #define MIVO_CLIENT_MIVO_CLIENT_H_
 
+#include <mivo/calls.h>
 #include <mivo/client.h>
 
 #include <atomic>
@@ -20,6 +21,7 @@
 #include "calls/waiters.h"
 #include "client/server_closed.h"
 #include "largedata/recv_large_data_client.h"
+#include "pool/job.h"
 #include "transport/endpoint.h"
 
 namespace mivo {
@@ -54,6 +56,11 @@ class MIVOClient : public IClient, private RequestServer {
   // Sends `params`, with the name and `key` added to it, in slices of one call each. True: every slice was sent,
   // whatever was answered.
   bool SendMsgLargeData(const char* name, MIVOParams* params, int key, int timeout);
+
+  // See <mivo/calls.h>.
+  CallOutcome CallApart(const char* name, const MIVOParams* params, int timeout_ms, MIVOParams& reply);
+  void CallAsync(const char* name, const MIVOParams* params, int timeout_ms,
+                 std::unique_ptr<CallCompletion> completion);
 
   // Sees out the calls that wait for their turn, and lets no further one wait. Those that are sent are seen out by the
   // close.
@@ -99,6 +106,8 @@ class MIVOClient : public IClient, private RequestServer {
   RecvLargeDataClient large_data_receiver_;
   ServerClosed server_closed_;
   Presence callers_;
+  // Calls that nobody waits for; none is dropped, for each is told how it has ended.
+  JobGroup async_calls_;
   // Set by whoever destroys the client, read by those who wait for their turn.
   std::atomic<bool> turns_abandoned_{false};
 

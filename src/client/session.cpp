@@ -8,6 +8,7 @@
 #include "base/identity.h"
 #include "base/pointer_text.h"
 #include "base/spare_memory.h"
+#include "calls/async_call.h"
 #include "calls/handler_run.h"
 #include "calls/outgoing_call.h"
 #include "client/call_turn.h"
@@ -59,6 +60,25 @@ std::optional<std::string> Session::Call(Waiter::Of of, std::string_view name, c
     return std::nullopt;
   }
   return call.Await(waiters_, connection_.get(), [&] { return connection_->Send(std::move(request)); });
+}
+
+CallOutcome Session::CallApart(std::string_view name, const MIVOParams* params, int timeout_ms, std::string* reply) {
+  if (InThread()) return CallOutcome::kNotSent;
+  OutgoingCall call(connection_->id(), kKeyApart, timeout_ms, Waiter::Of::kLibrary);
+  Frame request(EncodeRequest(name, kKeyApart, params, call.token()));
+  std::optional<std::string> answer =
+      call.Await(waiters_, connection_.get(), [&] { return connection_->Send(std::move(request)); });
+  if (!answer) return OutcomeWithout(call.was_sent(), *connection_);
+  *reply = std::move(*answer);
+  return CallOutcome::kAnswered;
+}
+
+void Session::CallAsync(std::string_view name, const MIVOParams* params, int timeout_ms,
+                        std::unique_ptr<CallCompletion> completion) {
+  auto call = std::make_unique<AsyncCall>(parts_.async_calls, CompletionOwner{parts_.client, parts_.print},
+                                          connection_->id(), kKeyApart, timeout_ms, std::move(completion));
+  Frame request(EncodeRequest(name, kKeyApart, params, call->token()));
+  AsyncCall::Begin(std::move(call), waiters_, connection_, std::move(request));
 }
 
 void Session::Post(std::string_view name, const MIVOParams* params, int key) {
@@ -114,6 +134,7 @@ void Session::RunThread() {
   SayThatItRuns("out run .....\n", "run out\n");
   // CloseClient may have found a handler running and left the handlers to us.
   jobs_.WaitUntilIdle();
+  parts_.async_calls.WaitUntilIdle();
   loop_.Close();
   closed_handlers_.Delete();
 }

@@ -2,6 +2,8 @@
 #ifndef MIVO_CLIENT_SESSION_H_
 #define MIVO_CLIENT_SESSION_H_
 
+#include <mivo/calls.h>
+
 #include <atomic>
 #include <functional>
 #include <memory>
@@ -36,6 +38,7 @@ struct ClientParts {
   ReplyTable& large_replies;
   RecvLargeDataClient& large_results;
   RequestServer& requests;
+  JobGroup& async_calls;
 };
 
 // Everything that must not survive a connection lives here and dies with it: a new connection gets a new session.
@@ -73,6 +76,12 @@ class Session : private Connection::Owner {
   // among that.
   std::optional<std::string> Call(Waiter::Of of, std::string_view name, const MIVOParams* params, int key,
                                   int timeout_ms);
+
+  // Any thread. The same for a call under nobody's key. Not on the loop thread: then nothing is sent.
+  CallOutcome CallApart(std::string_view name, const MIVOParams* params, int timeout_ms, std::string* reply);
+  // Any thread. The same, without waiting: `completion` is told.
+  void CallAsync(std::string_view name, const MIVOParams* params, int timeout_ms,
+                 std::unique_ptr<CallCompletion> completion);
 
   // Any thread. The request is on its way, or in line, when it returns; or it cannot be sent.
   void Post(std::string_view name, const MIVOParams* params, int key);

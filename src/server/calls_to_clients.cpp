@@ -5,6 +5,7 @@
 #include "base/clock.h"
 #include "base/identity.h"
 #include "base/pointer_text.h"
+#include "calls/async_call.h"
 #include "calls/outgoing_call.h"
 
 namespace mivo {
@@ -32,6 +33,29 @@ std::optional<std::string> CallsToClients::Call(int client_id, std::string_view 
     return std::nullopt;
   }
   return call.Await(waiters_, client.get(), [&] { return client->Send(std::move(request)); });
+}
+
+CallOutcome CallsToClients::CallApart(int client_id, std::string_view name, const MIVOParams* params, int timeout_ms,
+                                      std::string* reply) {
+  NeedTimer();
+  const std::shared_ptr<Connection> client = Find(client_id);
+  if (client == nullptr || loop_.InThread()) return CallOutcome::kNotSent;
+  OutgoingCall call(client_id, kKeyApart, timeout_ms, Waiter::Of::kLibrary);
+  Frame request(EncodeRequest(name, kKeyApart, params, call.token()));
+  std::optional<std::string> answer =
+      call.Await(waiters_, client.get(), [&] { return client->Send(std::move(request)); });
+  if (!answer) return OutcomeWithout(call.was_sent(), *client);
+  *reply = std::move(*answer);
+  return CallOutcome::kAnswered;
+}
+
+void CallsToClients::CallAsync(int client_id, std::string_view name, const MIVOParams* params,
+                               std::unique_ptr<AsyncCall> call) {
+  NeedTimer();
+  const std::shared_ptr<Connection> client = Find(client_id);
+  if (client == nullptr) return AsyncCall::Refuse(std::move(call));
+  Frame request(EncodeRequest(name, kKeyApart, params, call->token()));
+  AsyncCall::Begin(std::move(call), waiters_, client, std::move(request));
 }
 
 void CallsToClients::Post(int client_id, std::string_view name, const MIVOParams* params, int key) {

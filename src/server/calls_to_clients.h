@@ -2,6 +2,8 @@
 #ifndef MIVO_SERVER_CALLS_TO_CLIENTS_H_
 #define MIVO_SERVER_CALLS_TO_CLIENTS_H_
 
+#include <mivo/calls.h>
+
 #include <atomic>
 #include <memory>
 #include <optional>
@@ -20,6 +22,8 @@ class MIVOParams;
 
 namespace mivo {
 
+class AsyncCall;
+
 // As on the client, a caller lists itself before it sends: once the connections are closed, whoever is listed gets
 // woken, and nobody comes after.
 class CallsToClients {
@@ -31,6 +35,13 @@ class CallsToClients {
   // thread it is sent only.
   std::optional<std::string> Call(int client_id, std::string_view name, const MIVOParams* params, int key,
                                   int timeout_ms);
+
+  // Any thread. The same for a call under nobody's key, without any reply stored before. Not on the loop thread: then
+  // nothing is sent.
+  CallOutcome CallApart(int client_id, std::string_view name, const MIVOParams* params, int timeout_ms,
+                        std::string* reply);
+  // Any thread. The same, without waiting.
+  void CallAsync(int client_id, std::string_view name, const MIVOParams* params, std::unique_ptr<AsyncCall> call);
 
   // Any thread. The request is on its way, or in line, when it returns; or it cannot be sent.
   void Post(int client_id, std::string_view name, const MIVOParams* params, int key);

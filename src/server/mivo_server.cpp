@@ -45,6 +45,7 @@ MIVOServer::~MIVOServer() {
   }
   thread_.Join();
   callers_.WaitUntilNobody();
+  async_calls_.WaitUntilIdle();
 }
 
 std::unique_ptr<RecvLargeDataServer> MIVOServer::MakeLargeDataReceiver() {
@@ -84,7 +85,7 @@ bool MIVOServer::Start(const Endpoint& endpoint) {
   port_ = PortNumber(endpoint.name);
 
   auto serving = std::make_shared<Serving>(ServerParts{this, print_, handlers_, replies_, dispatch_, *slice_receiver_,
-                                                       *slice_header_receiver_, timeout_step_ms_});
+                                                       *slice_header_receiver_, timeout_step_ms_, async_calls_});
   if (!serving->Start(endpoint)) return false;
   MutexLock serving_lock(serving_mutex_);
   serving_.swap(serving);

@@ -2,6 +2,7 @@
 #ifndef MIVO_SERVER_MIVO_SERVER_H_
 #define MIVO_SERVER_MIVO_SERVER_H_
 
+#include <mivo/calls.h>
 #include <mivo/server.h>
 
 #include <atomic>
@@ -57,6 +58,11 @@ class MIVOServer : public IServer {
   // Whether the calling thread runs a handler or notice of this server, which cannot wait for the server's end.
   bool IsInsideItself();
 
+  // See <mivo/calls.h>.
+  CallOutcome CallApart(int client_id, const char* name, const MIVOParams* params, int timeout_ms, MIVOParams& reply);
+  void CallAsync(int client_id, const char* name, const MIVOParams* params, int timeout_ms,
+                 std::unique_ptr<CallCompletion> completion);
+
   // False in a child of fork, which has a copy that nothing makes work.
   bool IsOfThisProcess() const { return process_.IsThisProcess(); }
 
@@ -76,6 +82,8 @@ class MIVOServer : public IServer {
   const std::unique_ptr<RecvLargeDataServer> slice_header_receiver_;
   const std::unique_ptr<RecvLargeDataServer> slice_receiver_;
   Presence callers_;
+  // Calls that nobody waits for; none is dropped, for each is told how it has ended.
+  JobGroup async_calls_;
   LoopThread thread_{"mivo-server"};
 
   // Written by the operations that set them, read by any thread.

@@ -126,6 +126,7 @@ void Serving::Run() {
     loop_.Run();
     // CloseHere may have found a handler running and left the handlers to us.
     jobs_.WaitUntilIdle();
+    parts_.async_calls.WaitUntilIdle();
     // A close tells of no client's end.
     parts_.slices.ForgetAll();
     parts_.slice_headers.ForgetAll();

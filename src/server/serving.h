@@ -31,6 +31,7 @@ struct ServerParts {
   RecvLargeDataServer& slices;
   RecvLargeDataServer& slice_headers;  // the same under a second name
   const std::atomic<int>& timeout_step_ms;
+  JobGroup& async_calls;
 };
 
 // Requests are read, served and answered by the pool, and calls to clients go from their own threads. The loop accepts,

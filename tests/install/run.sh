@@ -115,8 +115,8 @@ exports_what_is_listed_and_nothing_else() {
 compiles_each_header() {
   local compiler=$1 standard=$2 header
   shift 2
-  for header in prefix-shared/include/mivo/*.h; do
-    header=mivo/${header##*/}
+  for header in prefix-shared/include/mivo/*.h prefix-shared/include/mivo/rpc/*.h; do
+    header=${header#prefix-shared/include/}
     printf '#include <%s>\n#include <%s>\n' "$header" "$header" >header.cpp
     printf '%s\n' "$header"
     "$compiler" -std="$standard" "${strict[@]}" -fsyntax-only -Iprefix-shared/include "$@" header.cpp

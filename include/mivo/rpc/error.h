@@ -1,0 +1,64 @@
+// What can go wrong with a call, by what the caller should do about it.
+#ifndef MIVO_RPC_ERROR_H_
+#define MIVO_RPC_ERROR_H_
+
+#include <stdexcept>
+#include <string>
+#include <utility>
+
+namespace mivo {
+
+// Thrown by a handler, it reaches the caller as this, with the same code and text. The code is for programs: a word or
+// two with dots, such as "queue.full"; codes that begin with "mivo." are the library's own. The text is for people.
+//
+// The classes below are what the library throws by itself, and what it makes of its own codes.
+class Error : public std::runtime_error {
+ public:
+  Error(std::string code, const std::string& text) : std::runtime_error(text), code_(std::move(code)) {}
+  const std::string& code() const { return code_; }
+
+ private:
+  std::string code_;
+};
+
+// Nothing was sent: there is no connection, or no such client. To be tried again without harm.
+class NotConnected : public Error {
+ public:
+  static constexpr const char* kCode = "mivo.not_connected";
+  explicit NotConnected(const std::string& text) : Error(kCode, text) {}
+};
+
+// The deadline was over. The call may have been carried out, or may still be.
+class NoAnswer : public Error {
+ public:
+  static constexpr const char* kCode = "mivo.no_answer";
+  explicit NoAnswer(const std::string& text) : Error(kCode, text) {}
+};
+
+// The connection ended while the call was under way. It may have been carried out.
+class Disconnected : public Error {
+ public:
+  static constexpr const char* kCode = "mivo.disconnected";
+  explicit Disconnected(const std::string& text) : Error(kCode, text) {}
+};
+
+// The peer offers no method of that name. To be mended in a program.
+class NoSuchMethod : public Error {
+ public:
+  static constexpr const char* kCode = "mivo.no_such_method";
+  explicit NoSuchMethod(const std::string& text) : Error(kCode, text) {}
+};
+
+// The arguments, or the result, are not of the types that were asked for. To be mended in a program.
+class WrongType : public Error {
+ public:
+  static constexpr const char* kCode = "mivo.wrong_type";
+  explicit WrongType(const std::string& text) : Error(kCode, text) {}
+};
+
+// The code of a handler's exception that is no Error; its text is what().
+inline constexpr const char* kExceptionCode = "mivo.exception";
+
+}  // namespace mivo
+
+#endif  // MIVO_RPC_ERROR_H_
