@@ -23,9 +23,10 @@ enum class CallOutcome : int {
   kDisconnected = 3,  // the connection ended first, or was closed; the call may have been carried out
 };
 
-// Calls `name` and waits. `params` (null: no arguments) is only read. `timeout_ms` is looked at as for SendMsg: every 100
-// ms, at a server every time-out step; below 1 there is no limit (at a server, 50 days). When it is answered `reply` is
-// replaced by what came, otherwise emptied. Throws std::bad_alloc without memory; then nobody waits any more.
+// Calls `name` and waits. `params` (null: no arguments) is only read. `timeout_ms` is looked at as for SendMsg: every
+// 100 ms, at a server every time-out step; below 1 there is no limit (at a server, 50 days). When it is answered
+// `reply` is replaced by what came, otherwise emptied. Throws std::bad_alloc without memory; then nobody waits any
+// more.
 MIVO_EXPORT CallOutcome Call(IClient& client, const char* name, const MIVOParams* params, int timeout_ms,
                              MIVOParams& reply);
 MIVO_EXPORT CallOutcome Call(IServer& server, int client_id, const char* name, const MIVOParams* params, int timeout_ms,

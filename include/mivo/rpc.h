@@ -1,7 +1,7 @@
 // Methods as functions, calls as calls: the layer to begin with. See docs/guide.md.
 //
-// Headers only, on top of the plain interface (<mivo/mivo.h>) and on the same wire: a program that uses this layer and one
-// that does not talk to each other.
+// Headers only, on top of the plain interface (<mivo/mivo.h>) and on the same wire: a program that uses this layer and
+// one that does not talk to each other.
 #ifndef MIVO_RPC_H_
 #define MIVO_RPC_H_
 

@@ -7,6 +7,7 @@
 #include <chrono>
 #include <future>
 #include <memory>
+#include <mutex>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -147,8 +148,12 @@ TEST_P(RpcCalls, ThatNobodyWaitsForAreToldBeforeTheClientHasGone) {
 }
 
 TEST_P(RpcCalls, OfAServerReachWhoeverIsConnectedAndNobodyElse) {
-  std::vector<mivo::Caller> callers;
-  server_.on("register", [&callers](mivo::Caller& caller) { callers.push_back(caller); });
+  std::mutex mutex;
+  std::vector<mivo::Caller> registered;
+  server_.on("register", [&](mivo::Caller& caller) {
+    const std::lock_guard<std::mutex> lock(mutex);
+    registered.push_back(caller);
+  });
   std::atomic<int> notes{0};
   Event both;
   const auto note = [&](int number) {
@@ -166,6 +171,10 @@ TEST_P(RpcCalls, OfAServerReachWhoeverIsConnectedAndNobodyElse) {
     EXPECT_EQ(server_.clients().size(), 2U);
   }
   EXPECT_TRUE(mivo_test::Eventually([this] { return server_.clients().size() == 1; }));
+  const std::vector<mivo::Caller> callers = [&] {
+    const std::lock_guard<std::mutex> lock(mutex);
+    return registered;
+  }();
   ASSERT_EQ(callers.size(), 2U);
   EXPECT_THROW(callers.at(1).call("note", 1), mivo::NotConnected);
   callers.at(1).post("note", 1000);
@@ -188,6 +197,13 @@ TEST(RpcServer, SaysThatItCannotListen) {
   first.listen(address);
   mivo::Server second;
   EXPECT_THROW(second.listen(address), mivo::Error);
+}
+
+TEST(RpcServer, RefusesNamesThatAreTheLibrarysOwn) {
+  mivo::Server server;
+  for (const std::string& name :
+       {std::string("s_c_connect"), std::string("retval"), std::string(), std::string("a\0b", 3)})
+    EXPECT_THROW(server.on(name, [] {}), std::invalid_argument) << name;
 }
 
 TEST(RpcClient, RefusesASecondHandlerOfAName) {

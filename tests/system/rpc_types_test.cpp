@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <atomic>
 #include <climits>
 #include <cstdint>
 #include <limits>
@@ -217,7 +218,7 @@ TEST_F(RpcTypes, OptionalArgumentsMayBeMissingAtTheEnd) {
 }
 
 TEST_F(RpcTypes, MoveOnlyResultsAndNoResultAreResults) {
-  int touched = 0;
+  std::atomic<int> touched{0};
   server_.on("touch", [&touched] { ++touched; });
   client().call("touch");
   EXPECT_EQ(touched, 1);

@@ -16,8 +16,8 @@
 
 namespace mivo {
 
-// How long a call may take. Looked at every 100 ms, first half a second after connecting: a call ends that much later at
-// most, and never earlier.
+// How long a call may take. Looked at every 100 ms, first half a second after connecting: a call ends that much later
+// at most, and never earlier.
 class Deadline {
  public:
   template <class Rep, class Period>

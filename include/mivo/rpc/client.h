@@ -53,8 +53,8 @@ class Client : public Calls<rpc::ServerTarget> {
 
   bool is_connected() const { return parts_->client->isok(); }
 
-  // Offers a method to the server. The function's parameters are those of the call; what it returns or throws goes back.
-  // Throws std::logic_error if there is one of the name.
+  // Offers a method to the server. The function's parameters are those of the call; what it returns or throws goes
+  // back. Throws std::logic_error if there is one of the name, std::invalid_argument for a name of the library's own.
   template <class Function>
   Client& on(const std::string& name, Function function) {
     auto handler = rpc::MakeHandler<Nobody>(

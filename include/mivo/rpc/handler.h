@@ -7,6 +7,8 @@
 #include <mivo/rpc/signature.h>
 
 #include <exception>
+#include <memory>
+#include <stdexcept>
 #include <string>
 #include <tuple>
 #include <type_traits>
@@ -65,10 +67,20 @@ class FunctionHandler final : public IServerMethod {
   Function function_;
 };
 
+// Throws std::invalid_argument for a name that no method can have.
+inline void RequireName(const std::string& name) {
+  if (name.empty() || name == "retval" || name.rfind("s_c_", 0) == 0 || name.find('\0') != std::string::npos) {
+    throw std::invalid_argument("\"" + name +
+                                "\" cannot be the name of a method: it is empty, holds a NUL byte, or is " +
+                                "one of the library's own");
+  }
+}
+
 template <class Context, class Make, class Function>
 auto MakeHandler(const std::string& name, Make make, Function function) {
   static_assert(Signature<Function>::kIsKnown,
                 "mivo: a handler must name the types of its parameters; a generic or overloaded function has none");
+  RequireName(name);
   return std::make_unique<FunctionHandler<Context, Make, Function>>(name, std::move(make), std::move(function));
 }
 

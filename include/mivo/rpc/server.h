@@ -57,13 +57,14 @@ class Server {
   // `deadline` is that of calls to clients.
   explicit Server(Deadline deadline = kUsualDeadline) : parts_(std::make_unique<Parts>(deadline)) {}
   Server(Server&&) = default;
-  // Waits for handlers that run.
+  // As close.
   ~Server() {
     if (parts_) close();
   }
 
   // Offers a method, in place of one of that name. The function's parameters are those of the call, its first may be a
-  // mivo::Caller&: who calls. What it returns or throws goes back.
+  // mivo::Caller&: who calls. What it returns or throws goes back. Throws std::invalid_argument for a name of the
+  // library's own.
   template <class Function>
   Server& on(const std::string& name, Function function) {
     Parts& parts = *parts_;
@@ -90,7 +91,7 @@ class Server {
     parts_->thread = std::thread([&server] { server.run(); });
   }
 
-  // Ends all connections and waits for handlers that run. It may listen again.
+  // Ends all connections and waits for handlers that run, so not in one of them. It may listen again.
   void close() {
     parts_->server->close();
     if (parts_->thread.joinable()) parts_->thread.join();

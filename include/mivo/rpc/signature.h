@@ -53,7 +53,7 @@ template <class Tuple>
 struct Decayed;
 template <class... A>
 struct Decayed<std::tuple<A...>> {
-  static_assert((!(std::is_lvalue_reference_v<A> && !std::is_const_v<std::remove_reference_t<A>>) && ...),
+  static_assert((!(std::is_lvalue_reference_v<A> && !std::is_const_v<std::remove_reference_t<A>>)&&...),
                 "mivo: a handler takes its arguments by value or by const reference; nothing it changes travels back");
   using Type = std::tuple<std::decay_t<A>...>;
 };
