@@ -19,7 +19,7 @@ using namespace mivo_test;
 
 namespace {
 
-constexpr std::size_t kFrameBytes = 64u * 1024 * 1024;
+constexpr std::size_t kFrameBytes = 64u * 1024 * 1024 / mivo_test::kScaledown;
 constexpr int kFrames = kSanitized ? 4 : 10;
 constexpr long long kBoundMs = 150 * kSlowdown;
 
