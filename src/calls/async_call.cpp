@@ -36,7 +36,7 @@ AsyncCall::AsyncCall(JobGroup& group, CompletionOwner owner, int peer, int key, 
                      std::unique_ptr<CallCompletion> completion)
     : Waiter(peer, key, timeout_ms, Of::kLibrary), Job(group), owner_(owner), completion_(std::move(completion)) {}
 
-void AsyncCall::Begin(std::unique_ptr<AsyncCall> call, Waiters& waiters, std::shared_ptr<Connection> connection,
+void AsyncCall::Begin(std::unique_ptr<AsyncCall> call, Waiters& waiters, const std::shared_ptr<Connection>& connection,
                       Frame request) {
   call->connection_ = connection;
   waiters.List(*call);

@@ -40,7 +40,7 @@ class AsyncCall final : public Waiter, public Job {
             std::unique_ptr<CallCompletion> completion);
 
   // Lists the call and sends its request. Whatever comes of it is told, unless this throws.
-  static void Begin(std::unique_ptr<AsyncCall> call, Waiters& waiters, std::shared_ptr<Connection> connection,
+  static void Begin(std::unique_ptr<AsyncCall> call, Waiters& waiters, const std::shared_ptr<Connection>& connection,
                     Frame request);
   // Has it told that nothing was sent.
   static void Refuse(std::unique_ptr<AsyncCall> call);
