@@ -2,6 +2,7 @@
 
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -49,7 +50,12 @@ const char* Name(Transport transport) {
 
 std::string UniqueSocketName() {
   static std::atomic<int> counter{0};
-  return std::to_string(getpid() % 200000 * 10000 + counter++ % 10000);
+  // Processes that were killed leave their sockets behind, and process ids come again.
+  for (;;) {
+    std::string name = std::to_string(getpid() % 200000 * 10000 + counter++ % 10000);
+    struct stat status {};
+    if (lstat(SocketPath(name).c_str(), &status) != 0) return name;
+  }
 }
 
 std::string SocketPath(const std::string& name) {
