@@ -11,13 +11,15 @@ namespace mivo {
 
 namespace {
 
-// The total is the peer's word, and no room is made for it before a part of it has arrived.
+// The total is the peer's word: no room is made for it before a part of it has arrived, and one that is always just
+// ahead does not have all that there is copied with each slice.
 void MakeRoom(std::string& so_far, const Slice& slice) {
   constexpr std::size_t kSmallestPart = 8;
   const std::size_t needed = so_far.size() + slice.bytes.size();
   if (needed <= so_far.capacity()) return;
   const std::size_t total = static_cast<std::size_t>(std::max(slice.total_size, 0));
-  const std::size_t wanted = needed >= total / kSmallestPart ? std::max(total, needed) : 2 * needed;
+  const bool may_be_whole = needed >= total / kSmallestPart && total >= 2 * so_far.size();
+  const std::size_t wanted = may_be_whole ? std::max(total, needed) : 2 * needed;
   std::string grown = TakeSpareString(wanted);
   grown.reserve(wanted);
   grown.append(so_far);

@@ -9,6 +9,8 @@
 #include <thread>
 #include <vector>
 
+#include "support/event.h"
+#include "support/sanitizers.h"
 #include "unit/live_bytes.h"
 
 namespace mivo {
@@ -21,6 +23,23 @@ TEST(PartialTable, GivesTheWholeWithItsLastSlice) {
   EXPECT_EQ(table.Add(kConnection, {9, 10, "abc"}), std::nullopt);
   EXPECT_EQ(table.Add(kConnection, {9, 10, "def"}), std::nullopt);
   EXPECT_EQ(table.Add(kConnection, {9, 10, "ghij"}), "abcdefghij");
+}
+
+TEST(PartialTable, TakesTimeThatGrowsWithTheBytesWhateverTheyAnnounce) {
+  // A total that is always just ahead must not have all be copied with each slice: that would take a minute.
+  constexpr int kSlices = 40000;
+  const std::string bytes(1000, 'x');
+  PartialTable table;
+  const mivo_test::Stopwatch watch;
+  int so_far = 0;
+  for (int i = 0; i < kSlices; ++i) {
+    so_far += static_cast<int>(bytes.size());
+    ASSERT_EQ(table.Add(kConnection, {9, so_far + 1, bytes}), std::nullopt);
+  }
+  EXPECT_LT(watch.ElapsedMs(), 5000 * mivo_test::kSlowdown);
+  const std::optional<std::string> whole = table.Add(kConnection, {9, so_far + 1, "y"});
+  ASSERT_TRUE(whole);
+  EXPECT_EQ(whole->size(), static_cast<std::size_t>(so_far) + 1);
 }
 
 TEST(PartialTable, GivesAMessageOfOneSliceAtOnce) {
