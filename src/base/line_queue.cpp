@@ -15,8 +15,11 @@ namespace mivo {
 void LineQueue::Write(std::string_view text) {
   MutexLock lock(mutex_);
   try {
-    if (!has_thread_) WriteWaiting();
-    if (IsEmpty()) text.remove_prefix(WriteAsFarAsItGoes(text, Patience::kNone));
+    // The thread has a line in its hands that is not among those that wait.
+    if (!has_thread_) {
+      WriteWaiting();
+      if (IsEmpty()) text.remove_prefix(WriteAsFarAsItGoes(text, Patience::kNone));
+    }
     if (!text.empty()) Add(text);
     if (!IsEmpty() && !has_thread_) StartThread();
   } catch (const std::bad_alloc&) {

@@ -18,7 +18,7 @@ namespace mivo {
 // One for the process, since there is one standard output. Any thread. Nothing that is done under its lock waits.
 //
 //   empty, no thread      a line goes out at once, or what is left of it begins to wait
-//   lines, a thread       a line joins those that wait
+//   a thread              a line joins those that wait, if only behind the one that the thread is about
 //   full                  lines are lost, and counted, until all that wait are written; then the count is written
 class LineQueue {
  public:

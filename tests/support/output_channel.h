@@ -23,9 +23,10 @@ namespace mivo_test {
 
 enum class Channel { Pipe, Socket, Terminal };
 
-// From construction to destruction descriptor 1 leads there. One at a time. What the test framework prints meanwhile
-// goes there as well; of a test that has failed, what was not read is shown at the end.
-class OutputChannel {
+// From construction to destruction descriptor 1 leads there, or until something has failed: the framework prints that to
+// standard output, and would wait for ever for the test to read it. One at a time. Of a test that has failed, what was
+// not read is shown at the end.
+class OutputChannel : private testing::EmptyTestEventListener {
  public:
   explicit OutputChannel(Channel channel) {
     std::fflush(stdout);
@@ -48,10 +49,12 @@ class OutputChannel {
       throw std::runtime_error("cannot lead standard output elsewhere");
     }
     close(writer);
+    BeAheadOfThePrinter();
   }
   OutputChannel(const OutputChannel&) = delete;
   OutputChannel& operator=(const OutputChannel&) = delete;
-  ~OutputChannel() {
+  ~OutputChannel() override {
+    testing::UnitTest::GetInstance()->listeners().Release(this);
     // A writer that is stuck gets an error, or goes on into the real one.
     dup2(real_stdout_, STDOUT_FILENO);
     close(real_stdout_);
@@ -91,8 +94,25 @@ class OutputChannel {
     }
     close(writer);
   }
+  // Leaves room for so many bytes, in a pipe.
+  void FillBut(std::size_t room) {
+    const int size = fcntl(STDOUT_FILENO, F_GETPIPE_SZ);
+    if (size < 0) throw std::runtime_error("no pipe");
+    const std::string dots(static_cast<std::size_t>(size) - room, '.');
+    if (write(STDOUT_FILENO, dots.data(), dots.size()) < 0) throw std::runtime_error("cannot fill");
+  }
 
  private:
+  void OnTestPartResult(const testing::TestPartResult& result) override {
+    if (result.failed()) dup2(real_stdout_, STDOUT_FILENO);
+  }
+  void BeAheadOfThePrinter() {
+    auto& listeners = testing::UnitTest::GetInstance()->listeners();
+    static testing::TestEventListener* const printer = listeners.default_result_printer();
+    listeners.Append(this);
+    if (listeners.Release(printer) != nullptr) listeners.Append(printer);
+  }
+
   bool IsReadable(int patience_ms) const {
     pollfd entry{reader_, POLLIN, 0};
     return poll(&entry, 1, patience_ms) == 1;

@@ -3,10 +3,13 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <set>
 #include <string>
 
 #include "support/background.h"
 #include "support/output_channel.h"
+#include "support/teardown.h"
+#include "support/thread_state.h"
 
 namespace mivo {
 namespace {
@@ -56,6 +59,25 @@ TEST(LineQueue, IsBoundedByBytesToo) {
   const std::size_t lost = std::stoul(text.substr(note));
   EXPECT_GE(lost, 98U);
   EXPECT_LE(lost, 100U);
+  queue.AwaitEmpty(mivo_test::kPatience);
+}
+
+TEST(LineQueue, DoesNotLetALineOvertakeTheOneThatItsThreadIsAbout) {
+  static LineQueue queue;
+  OutputChannel out(Channel::Pipe);
+  // Room for the short line only.
+  out.FillBut(50);
+  const std::set<int> before = mivo_test::Threads();
+  const std::string line = std::string(200, 'x') + "\n";
+  queue.Write(line);
+  ASSERT_TRUE(mivo_test::HasNewThreads(before, 1));
+  for (const int id : mivo_test::Threads()) {
+    EXPECT_TRUE(before.count(id) != 0 || mivo_test::WaitUntilAsleep(id));
+  }
+  queue.Write("short\n");
+  std::string text = out.ReadUntil("xx\nshort\n", std::chrono::seconds(5));
+  text.erase(0, text.find_first_not_of('.'));
+  EXPECT_EQ(text, line + "short\n");
   queue.AwaitEmpty(mivo_test::kPatience);
 }
 
