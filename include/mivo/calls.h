@@ -9,6 +9,7 @@
 #define MIVO_CALLS_H_
 
 #include <mivo/export.h>
+#include <mivo/handler.h>
 
 class IClient;
 class IServer;
@@ -49,6 +50,31 @@ MIVO_EXPORT void CallAsync(IClient& client, const char* name, const MIVOParams* 
                            CallCompletion* completion);
 MIVO_EXPORT void CallAsync(IServer& server, int client_id, const char* name, const MIVOParams* params, int timeout_ms,
                            CallCompletion* completion);
+
+// A request that its handler has not answered when it returned.
+class MIVO_EXPORT LateReply {
+ public:
+  // Sends an empty reply if none was sent: nobody is left waiting.
+  virtual ~LateReply() = default;
+
+  // Any thread, once. Sends the reply, as the handler's return would have, and leaves `reply` in any state. To nobody
+  // if whoever has asked has gone, or the object that was asked has closed, or in a child of fork.
+  virtual void Send(MIVOParams& reply) = 0;
+};
+
+// In a handler (OnCall) that was called for a request: whatever it puts into its reply is dropped, and what the result
+// sends travels instead, whenever that is. It is the caller's, to be deleted. An object that closes waits for handlers,
+// and not for these.
+//
+// Null elsewhere: in notices, in handlers of large messages (SendMsgEx), and when it was taken already. Throws
+// std::bad_alloc without memory.
+MIVO_EXPORT LateReply* ReplyLater();
+
+// A handler that hands its requests on in the order in which they came. OnCall is called by the thread that reads, for
+// one request of a connection at a time. Others wait for it, also on other connections: it takes the reply
+// (ReplyLater), puts what it needs of the request where somebody else works on it, and returns. It must not call the
+// peer and wait, and must not close or destroy the object.
+class MIVO_EXPORT IInOrderMethod : public IServerMethod {};
 
 }  // namespace mivo
 

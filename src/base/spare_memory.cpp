@@ -130,7 +130,7 @@ std::string TakeSpareString(std::size_t size) {
   return string;
 }
 
-void GiveSpareString(std::string string) noexcept {
+void KeepSpareString(std::string string) noexcept {
   string.clear();
   Give(std::move(string));
 }
@@ -139,7 +139,7 @@ Block TakeSpareBlock(std::size_t size) {
   return Take<Block>(size);
 }
 
-void GiveSpareBlock(Block block) noexcept {
+void KeepSpareBlock(Block block) noexcept {
   Give(std::move(block));
 }
 

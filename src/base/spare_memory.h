@@ -21,8 +21,11 @@ inline constexpr std::size_t kLeastSpare = 32768;
 
 // An empty string with room for `size` bytes, of spare memory if there is some; without any for a small size.
 std::string TakeSpareString(std::size_t size);
-// Keeps the memory of a string that is not needed any more, or lets go of it.
-void GiveSpareString(std::string string) noexcept;
+// Keeps the memory of a string that is not needed any more, if it is worth it.
+void KeepSpareString(std::string string) noexcept;
+inline void GiveSpareString(std::string&& string) noexcept {
+  if (string.capacity() >= kLeastSpare) KeepSpareString(std::move(string));
+}
 
 // Memory from malloc.
 struct Block {
@@ -44,7 +47,10 @@ struct Block {
 
 // One of at least `size` bytes, or an empty one if there is none.
 Block TakeSpareBlock(std::size_t size);
-void GiveSpareBlock(Block block) noexcept;
+void KeepSpareBlock(Block block) noexcept;
+inline void GiveSpareBlock(Block&& block) noexcept {
+  if (block.capacity() >= kLeastSpare) KeepSpareBlock(std::move(block));
+}
 
 bool HasSpareMemory();
 // Lets go of all of it if nothing of it was used in the last second. To be called now and then.

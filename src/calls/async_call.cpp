@@ -39,6 +39,7 @@ AsyncCall::AsyncCall(JobGroup& group, CompletionOwner owner, int peer, int key, 
 void AsyncCall::Begin(std::unique_ptr<AsyncCall> call, Waiters& waiters, const std::shared_ptr<Connection>& connection,
                       Frame request) {
   call->connection_ = connection;
+  const std::uintptr_t token = call->token();
   waiters.List(*call);
   // It belongs to whoever wakes it now, and that may be before the request is sent.
   AsyncCall* const listed = call.release();
@@ -46,11 +47,11 @@ void AsyncCall::Begin(std::unique_ptr<AsyncCall> call, Waiters& waiters, const s
   try {
     is_sent = connection->Send(std::move(request));
   } catch (...) {
-    if (!waiters.Unlist(*listed)) return;
+    if (!waiters.Unlist(token)) return;
     delete listed;
     throw;
   }
-  if (!is_sent && waiters.Unlist(*listed)) listed->End(CallOutcome::kNotSent);
+  if (!is_sent && waiters.Unlist(token)) listed->End(CallOutcome::kNotSent);
 }
 
 void AsyncCall::Refuse(std::unique_ptr<AsyncCall> call) {

@@ -18,6 +18,7 @@ void Diagnostics::Debug(const char* format, ...) {
 }
 
 void Diagnostics::Error(const char* format, ...) {
+  if (is_quiet()) return;
   char line[kLineSize];
   std::va_list arguments;
   va_start(arguments, format);
@@ -33,7 +34,7 @@ void Diagnostics::Emit(const char* line) {
 int Diagnostics::SetLevel(const char* text, int level) {
   // Promised with every log; where it would have to wait now, the next one does it.
   SwitchStreamsOffStdio();
-  level_ = level;
+  level_ = level == kQuiet ? 0 : level;
   return text != nullptr && *text != '\0' ? 1 : 0;
 }
 

@@ -3,6 +3,7 @@
 #define MIVO_CALLS_DIAGNOSTICS_H_
 
 #include <atomic>
+#include <limits>
 
 #include "base/standard_output.h"
 #include "calls/line_sink.h"
@@ -27,10 +28,15 @@ class Diagnostics {
   // The `log` operation of both interfaces.
   int SetLevel(const char* text, int level);
 
+  // No lines at all from now on, also where others print them on its behalf. The C++ streams stay as they are.
+  void BeQuiet() { level_ = kQuiet; }
+  bool is_quiet() const { return level_ == kQuiet; }
+
   // Where lines go in place of standard output.
   LineSink& sink() { return sink_; }
 
  private:
+  static constexpr int kQuiet = std::numeric_limits<int>::min();
   void Emit(const char* line);
 
   // Set by any thread and read by the one that prints; nothing else is published through it.

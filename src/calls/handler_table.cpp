@@ -1,10 +1,12 @@
 #include "calls/handler_table.h"
 
+#include <mivo/calls.h>
 #include <mivo/handler.h>
 
 namespace mivo {
 
 void HandlerTable::Register(const char* name, IServerMethod* handler) {
+  if (dynamic_cast<IInOrderMethod*>(handler) != nullptr) has_in_order_ = true;
   MutexLock lock(mutex_);
   const auto [entry, is_new] = methods_.emplace(name == nullptr ? "" : name, handler);
   if (!is_new && rules_ == Rules::kOfAServer) entry->second = handler;
@@ -40,6 +42,10 @@ IMethodAll* HandlerTable::CatchAll() const {
 
 bool HandlerTable::IsUnder(std::string_view name, const IServerMethod& handler) const {
   return Find(name) == &handler;
+}
+
+bool HandlerTable::IsInOrder(std::string_view name) const {
+  return has_in_order_.load(std::memory_order_relaxed) && dynamic_cast<IInOrderMethod*>(Find(name)) != nullptr;
 }
 
 void HandlerTable::Open() {

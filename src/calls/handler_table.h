@@ -2,6 +2,7 @@
 #ifndef MIVO_CALLS_HANDLER_TABLE_H_
 #define MIVO_CALLS_HANDLER_TABLE_H_
 
+#include <atomic>
 #include <map>
 #include <set>
 #include <string>
@@ -50,6 +51,9 @@ class HandlerTable {
   // Whether `handler` stands under `name`, and nobody else.
   bool IsUnder(std::string_view name, const IServerMethod& handler) const;
 
+  // Whether requests of that name are to be served by whoever reads.
+  bool IsInOrder(std::string_view name) const;
+
   // Look-ups work again, of what was registered meanwhile.
   void Open();
 
@@ -62,6 +66,8 @@ class HandlerTable {
   bool open_ MIVO_GUARDED_BY(mutex_) = true;
   bool keep_ MIVO_GUARDED_BY(mutex_) = false;
   std::map<std::string, IServerMethod*, std::less<>> methods_ MIVO_GUARDED_BY(mutex_);
+  // Most tables never have one: then nobody asks further.
+  std::atomic<bool> has_in_order_{false};
   std::set<const IServerMethod*> builtins_ MIVO_GUARDED_BY(mutex_);
   IMethodAll* catch_all_ MIVO_GUARDED_BY(mutex_) = nullptr;
 };

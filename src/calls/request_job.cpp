@@ -5,6 +5,7 @@
 #include <new>
 #include <utility>
 
+#include "base/process.h"
 #include "transport/connection.h"
 #include "transport/frame.h"
 #include "transport/served_peer.h"
@@ -20,6 +21,55 @@ OwnedPayload CopyOf(std::string_view bytes) {
   const std::string_view copied = storage.view();
   return {std::move(storage), copied};
 }
+
+// Handlers of one request do not run inside those of another.
+thread_local RequestJob* current = nullptr;
+
+bool FitsAFrame(const std::string& reply, const Envelope& request) {
+  const std::size_t echoed =
+      request.name.value_or(std::string_view()).size() + request.sem_id.value_or(std::string_view()).size();
+  return reply.size() <= kLongestPayload || reply.size() > kLongestPayload + echoed;
+}
+
+// Keeps of the request what its reply has to name.
+class TakenReply final : public LateReply {
+ public:
+  TakenReply(std::shared_ptr<Connection> connection, const Envelope& request, ReplyTail tail)
+      : connection_(std::move(connection)),
+        name_(request.name.value_or(std::string_view())),
+        token_(request.sem_id.value_or(std::string_view())),
+        envelope_(request),
+        tail_(tail) {
+    if (envelope_.name) envelope_.name = name_;
+    if (envelope_.sem_id) envelope_.sem_id = token_;
+    envelope_.data.reset();
+  }
+  ~TakenReply() override {
+    try {
+      MIVOParams nothing;
+      if (!is_sent_) Send(nothing);
+    } catch (const std::bad_alloc&) {
+      if (process_.IsThisProcess()) connection_->EndForWantOfMemory();
+    }
+  }
+
+  void Send(MIVOParams& reply) override {
+    if (is_sent_ || !process_.IsThisProcess()) return;
+    std::string& bytes = *reply.GetParamas();
+    tail_(bytes, envelope_);
+    is_sent_ = true;
+    if (FitsAFrame(bytes, envelope_)) connection_->SendLate(Frame(std::move(bytes)));
+  }
+
+ private:
+  const std::shared_ptr<Connection> connection_;
+  const std::string name_;
+  const std::string token_;
+  Envelope envelope_;
+  const ReplyTail tail_;
+  const ProcessMark process_;
+  bool is_sent_ = false;
+};
 
 }  // namespace
 
@@ -41,26 +91,49 @@ void ReadArguments(const Request& request, MIVOParams* arguments) {
 
 void SendReply(Connection& connection, const Envelope& request, std::string reply) {
   if (reply.empty()) return;
-  const std::size_t echoed =
-      request.name.value_or(std::string_view()).size() + request.sem_id.value_or(std::string_view()).size();
-  if (reply.size() > kLongestPayload && reply.size() <= kLongestPayload + echoed) {
+  if (!FitsAFrame(reply, request)) {
     connection.Drop();
     return;
   }
   connection.Send(Frame(std::move(reply)));
 }
 
+void RequestJob::Serve(std::unique_ptr<RequestJob> job, bool now, Jobs& jobs) {
+  if (!now) return jobs.Push(std::move(job));
+  job->Run();
+  job->Finish();
+}
+
+RequestJob* RequestJob::Current() {
+  return current;
+}
+
 void RequestJob::Run() {
   const ServedPeer scope(*request_.connection);
+  current = this;
   try {
     server_.Serve(request_, &reply_);
   } catch (const std::bad_alloc&) {
     request_.connection->EndForWantOfMemory();
   }
+  current = nullptr;
+}
+
+std::unique_ptr<LateReply> RequestJob::TakeReply() {
+  if (is_taken_) return nullptr;
+  auto taken = std::make_unique<TakenReply>(request_.connection, request_.envelope, server_.tail());
+  is_taken_ = true;
+  return taken;
 }
 
 void RequestJob::Finish() {
+  if (is_taken_) return;
   SendReply(*request_.connection, request_.envelope, std::move(*reply_.GetParamas()));
+}
+
+LateReply* ReplyLater() {
+  RequestJob* const job = RequestJob::Current();
+  return job == nullptr ? nullptr : job->TakeReply().release();
 }
 
 }  // namespace mivo

@@ -2,6 +2,7 @@
 #ifndef MIVO_CALLS_REQUEST_JOB_H_
 #define MIVO_CALLS_REQUEST_JOB_H_
 
+#include <mivo/calls.h>
 #include <mivo/params.h>
 
 #include <cstddef>
@@ -37,12 +38,17 @@ struct Request {
 // Decodes the request's own arguments; what stands before a fault counts.
 void ReadArguments(const Request& request, MIVOParams* arguments);
 
+// Appends the end of a reply to that request.
+using ReplyTail = void (*)(std::string& reply, const Envelope& request);
+
 // What a side does with requests; lives longer than its jobs. Pool threads, several at a time.
 class RequestServer {
  public:
   virtual ~RequestServer() = default;
   // Runs the handler and completes the reply.
   virtual void Serve(const Request& request, MIVOParams* reply) = 0;
+  // What completes the reply to a request.
+  virtual ReplyTail tail() const = 0;
 };
 
 // Sends a reply to where its request came from: to nobody if that has gone. One that is too long ends the program that
@@ -59,9 +65,17 @@ class RequestJob : public Job {
              std::string_view bytes, const Envelope& read)
       : Job(group, KindOf(read)), server_(server), request_(std::move(from), std::move(taken), bytes, read) {}
 
+  // Has it served: here and now if `now`, otherwise with `jobs`.
+  static void Serve(std::unique_ptr<RequestJob> job, bool now, Jobs& jobs);
+
   // Without memory for the arguments or the reply, the connection that has sent the request ends.
   void Run() override;
   void Finish() override;
+
+  // The job that runs on this thread; null outside of one.
+  static RequestJob* Current();
+  // In Run. What this job comes to is not sent; null if it was taken before.
+  std::unique_ptr<LateReply> TakeReply();
 
  private:
   static std::size_t KindOf(const Envelope& request) {
@@ -71,6 +85,7 @@ class RequestJob : public Job {
   RequestServer& server_;
   const Request request_;
   MIVOParams reply_;
+  bool is_taken_ = false;
 };
 
 }  // namespace mivo

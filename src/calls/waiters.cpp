@@ -55,9 +55,9 @@ void Waiters::Remove(Waiter** link) {
   --count_;
 }
 
-bool Waiters::Unlist(Waiter& waiter) {
+bool Waiters::Unlist(std::uintptr_t token) {
   MutexLock lock(mutex_);
-  Waiter** const link = Find(waiter.token_);
+  Waiter** const link = Find(token);
   if (link == nullptr) return false;
   Remove(link);
   return true;

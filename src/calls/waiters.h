@@ -58,7 +58,9 @@ class Waiters {
   void List(Waiter& waiter);
 
   // Takes a waiter back; false if somebody has unlisted it and wakes it.
-  bool Unlist(Waiter& waiter);
+  bool Unlist(Waiter& waiter) { return Unlist(waiter.token()); }
+  // The same for one that may be gone by now: for a waiter that belongs to whoever wakes it.
+  bool Unlist(std::uintptr_t token);
 
   // When the list will be swept next, and how often from then on. Whoever sweeps says so each time, after the sweep.
   void AnnounceSweep(std::int64_t next_ns, std::int64_t step_ns);

@@ -26,7 +26,6 @@ namespace mivo {
 
 namespace {
 
-constexpr int kHandshakeTimeoutMs = 10000;
 constexpr int kSliceTimeoutMs = 500;
 // Promised: a close takes at least this long. Nothing relies on it.
 constexpr unsigned int kClosePauseUs = 100000;
@@ -76,73 +75,6 @@ MIVOClient::~MIVOClient() {
   }
   callers_.WaitUntilNobody();
   async_calls_.WaitUntilIdle();
-}
-
-bool MIVOClient::InitMIVOClient(const char* name, bool) {
-  return Init({Endpoint::kLocal, TextOrEmpty(name), ""});
-}
-
-bool MIVOClient::InitMIVOClientTcp4(const char* host, const char* port, bool) {
-  return Init({Endpoint::kTcp4, TextOrEmpty(port), TextOrEmpty(host)});
-}
-
-bool MIVOClient::InitMIVOClientTcp6(const char* host, const char* port, bool) {
-  return Init({Endpoint::kTcp6, TextOrEmpty(port), TextOrEmpty(host)});
-}
-
-bool MIVOClient::Init(Endpoint endpoint) {
-  if (!IsOfThisProcess()) return false;
-  if (const std::shared_ptr<Session> current = CurrentSession()) {
-    if (current->is_connected() && !current->is_ending() && HandlerScope::Inside(this)) return true;
-  }
-  // A lost connection must be taken down first, and that waits for this thread's own work.
-  if (IsInsideItself()) return false;
-
-  MutexLock lock(init_mutex_);
-  if (const std::shared_ptr<Session> old = CurrentSession()) {
-    if (old->is_connected() && !old->is_ending()) return true;
-    old->Close(Session::Closing::kKeepHandlers);
-    old->Join();
-  }
-
-  // Known before it connects, so that a close can end the attempt.
-  const std::string name = endpoint.name;
-  const auto session = std::make_shared<Session>(
-      ClientParts{this, print_, handlers_, replies_, large_replies_, large_data_receiver_, *this, async_calls_},
-      std::move(endpoint));
-  BeginSession(session);
-  if (!session->Connect()) {
-    DropSession(session);
-    print_.Debug("cant connect: %s \n", name.c_str());
-    return false;
-  }
-  print_.Debug("connected: %s \n", name.c_str());
-  if (!CheckServer()) {
-    print_.Debug("Check Server Version Error!\n");
-    close();
-    return false;
-  }
-  return true;
-}
-
-bool MIVOClient::CheckServer() {
-  const Presence::Scope inside(callers_);
-  MIVOParams version;
-  version.AddKeyValueString(kVersionKey, kVersionBanner);
-  Answer answer = AskInTurn(kVersionMethod, &version, CallKey(0), kHandshakeTimeoutMs);
-  if (!answer.reply) {
-    print_.Debug("Check Server Version: timeout\n");
-    return false;
-  }
-  MIVOParams reply;
-  *reply.GetParamas() = std::move(*answer.reply);
-  reply.ToParams();
-  const MIVOValue* const accepted = reply.GetValue(0);
-  const MIVOValue* const banner = reply.GetMap(kVersionKey);
-  print_.Debug("Check Server Version: \nserver %s\nclient %s \n",
-               Printable(banner != nullptr && banner->IsString() ? banner->GetString() : "").c_str(), kVersionBanner);
-  // The server has compared the banners; its word decides.
-  return accepted != nullptr && accepted->IsBool() && accepted->GetBool();
 }
 
 void MIVOClient::close() {
@@ -229,15 +161,9 @@ MIVOParams* MIVOClient::SendMsgFast(const char* name, MIVOParams* params, int ke
 }
 
 MIVOClient::Answer MIVOClient::NotConnected() {
-  PrintDirect("SendMsg end: IsOk Flase\n");
+  if (!print_.is_quiet()) PrintDirect("SendMsg end: IsOk Flase\n");
   print_.Error("send msg: disconnect... .. .\n");
   return {std::nullopt, kErrorNotConnected};
-}
-
-MIVOClient::Answer MIVOClient::AskInTurn(const char* name, const MIVOParams* params, int call_key, int timeout) {
-  const CallTurn turn(CallTurn::Kind::kCall, IsPointless());
-  if (turn.is_given_up()) return NotConnected();
-  return Ask(Waiter::Of::kLibrary, name, params, call_key, timeout);
 }
 
 MIVOClient::Answer MIVOClient::Ask(Waiter::Of of, const char* name, const MIVOParams* params, int call_key,
@@ -247,6 +173,12 @@ MIVOClient::Answer MIVOClient::Ask(Waiter::Of of, const char* name, const MIVOPa
   std::optional<std::string> reply = session->Call(of, TextOrEmpty(name), params, call_key, timeout);
   if (!reply && of == Waiter::Of::kApplication) reply = replies_.TakeUnread(call_key);
   return {std::move(reply), kErrorNoReply};
+}
+
+MIVOClient::Answer MIVOClient::AskInTurn(const char* name, const MIVOParams* params, int call_key, int timeout) {
+  const CallTurn turn(CallTurn::Kind::kCall, IsPointless());
+  if (turn.is_given_up()) return NotConnected();
+  return Ask(Waiter::Of::kLibrary, name, params, call_key, timeout);
 }
 
 int MIVOClient::PostMsg(const char* name, MIVOParams* params, int key) {
@@ -333,7 +265,8 @@ void MIVOClient::ClearRetvalMem() {
 }
 
 void MIVOClient::Serve(const Request& request, MIVOParams* reply) {
-  IServerMethod* const handler = handlers_.Find(request.name);
+  IServerMethod* handler = handlers_.Find(request.name);
+  if (handler == nullptr) handler = handlers_.Find(kUnknownMethod);
   if (handler == nullptr) {
     // Without key and token: the server's call runs into its time-out.
     reply->AddKeyValueString(kNameKey, kRetval);

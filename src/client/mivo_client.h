@@ -6,6 +6,7 @@
 #include <mivo/client.h>
 
 #include <atomic>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -23,6 +24,7 @@
 #include "largedata/recv_large_data_client.h"
 #include "pool/job.h"
 #include "transport/endpoint.h"
+#include "transport/envelope.h"
 
 namespace mivo {
 
@@ -62,6 +64,10 @@ class MIVOClient : public IClient, private RequestServer {
   void CallAsync(const char* name, const MIVOParams* params, int timeout_ms,
                  std::unique_ptr<CallCompletion> completion);
 
+  // See <mivo/connections.h>.
+  int Connect(Endpoint endpoint, int timeout_ms);
+  void BeQuiet() { print_.BeQuiet(); }
+
   // Sees out the calls that wait for their turn, and lets no further one wait. Those that are sent are seen out by the
   // close.
   void AbandonTurns();
@@ -80,7 +86,11 @@ class MIVOClient : public IClient, private RequestServer {
   };
 
   bool Init(Endpoint endpoint);
-  bool CheckServer();
+  // 0, or the negative errno: -EISCONN if there is nothing to be done.
+  int MayConnect();
+  int Open(Endpoint endpoint, std::int64_t deadline_ms) MIVO_REQUIRES(init_mutex_);
+  enum class Turn { kTaken, kNone };
+  int CheckServer(Turn turn, int timeout_ms);
   // A call up to its reply. The library's own calls end here: nobody can free a reply that is in no table. The caller
   // counts among callers_.
   Answer Ask(Waiter::Of of, const char* name, const MIVOParams* params, int call_key, int timeout);
@@ -90,6 +100,7 @@ class MIVOClient : public IClient, private RequestServer {
 
   // RequestServer.
   void Serve(const Request& request, MIVOParams* reply) override;
+  ReplyTail tail() const override { return &AppendClientReplyTail; }
 
   // Null in a child of fork: what its copy of the client looks like is not to be asked.
   std::shared_ptr<Session> CurrentSession();

@@ -2,6 +2,7 @@
 
 #include <mivo/handler.h>
 
+#include <cerrno>
 #include <utility>
 
 #include "base/clock.h"
@@ -27,21 +28,23 @@ constexpr std::int64_t kDrainMs = 500;
 
 }  // namespace
 
-Session::Session(const ClientParts& parts, Endpoint endpoint)
+Session::Session(const ClientParts& parts, Endpoint endpoint, std::int64_t connect_deadline_ms)
     : parts_(parts),
       endpoint_(std::move(endpoint)),
+      connect_deadline_ms_(connect_deadline_ms),
       connection_(std::make_shared<Connection>(static_cast<Connection::Owner&>(*this), jobs_, NextConnectionId())) {}
 
 Session::~Session() {
   thread_.Join();
 }
 
-bool Session::Connect() {
-  if (!thread_.Start([this] { RunThread(); })) return false;
+int Session::Connect() {
+  if (!thread_.Start([this] { RunThread(); })) return -EAGAIN;
   started_.Wait();
-  if (state_ != State::kClosed) return true;
+  if (state_ != State::kClosed) return 0;
   thread_.Join();
-  return false;
+  // It stood, and was closed at once.
+  return start_status_ < 0 ? start_status_ : -ECANCELED;
 }
 
 bool Session::is_connected() const {
@@ -119,7 +122,8 @@ void Session::RunThread() {
       parts_.print.Debug("Tcp6: %s\n", kVersionBanner);
       break;
   }
-  if (!Start()) {
+  start_status_ = Start();
+  if (start_status_ < 0) {
     state_ = State::kClosed;
     connection_->Close();
     sweep_timer_.Close();
@@ -139,27 +143,31 @@ void Session::RunThread() {
   closed_handlers_.Delete();
 }
 
-bool Session::Start() {
-  if (loop_.Open() < 0) {
+int Session::Start() {
+  if (const int status = loop_.Open(); status < 0) {
     ReportConnectFailure(endpoint_, "uv_loop_init error");
-    return false;
+    return status;
   }
-  if (closing_ != Closing::kNo) return false;
-  const int descriptor = connector_.Connect(endpoint_);
-  if (descriptor < 0) return false;
+  if (closing_ != Closing::kNo) return -ECANCELED;
+  if (parts_.print.is_quiet()) {
+    connector_.BeQuiet();
+    connection_->BeQuiet();
+  }
+  const int descriptor = connector_.Connect(endpoint_, connect_deadline_ms_);
+  if (descriptor < 0) return descriptor;
   waiters_.AnnounceSweep(NowNs() + kFirstSweepMs * kNsPerMs, kSweepMs * kNsPerMs);
   large_waiters_.AnnounceSweep(NowNs() + kFirstSweepMs * kNsPerMs, kSweepMs * kNsPerMs);
   // First, for the end may be found before this has returned.
   state_ = State::kConnected;
-  if (connection_->Open(descriptor) < 0) return false;
+  if (const int status = connection_->Open(descriptor); status < 0) return status;
   connection_->StartReading();
-  return sweep_timer_.Start(loop_.uv(), kFirstSweepMs, kSweepMs, [this] { Sweep(); }) == 0;
+  return sweep_timer_.Start(loop_.uv(), kFirstSweepMs, kSweepMs, [this] { Sweep(); });
 }
 
 void Session::SayThatItRuns(const char* local_text, const char* tcp_text) {
   if (endpoint_.kind == Endpoint::kLocal) {
     parts_.print.Debug("%s", local_text);
-  } else {
+  } else if (!parts_.print.is_quiet()) {
     PrintDirect("%s", tcp_text);
   }
 }
@@ -222,7 +230,7 @@ void Session::WakeCalls() {
 
 void Session::OnFrameDropped(Connection& connection) {
   // The connection has reported what it dropped; what comes after the close it has not.
-  if (connection.is_closed()) PrintDirect("write error\n");
+  if (connection.is_closed() && !parts_.print.is_quiet()) PrintDirect("write error\n");
   parts_.print.Error("write data error\n");
 }
 
@@ -236,8 +244,9 @@ void Session::OnPayload(Connection& connection, std::string_view payload, Jobs& 
   } else if (*envelope.name == kSliceMethod) {
     TakeSlice(envelope);
   } else {
-    jobs.Push(std::make_unique<RequestJob>(jobs_, parts_.requests, connection.shared_from_this(),
-                                           connection.TakePayload(payload), payload, envelope));
+    auto job = std::make_unique<RequestJob>(jobs_, parts_.requests, connection.shared_from_this(),
+                                            connection.TakePayload(payload), payload, envelope);
+    RequestJob::Serve(std::move(job), parts_.handlers.IsInOrder(*envelope.name), jobs);
   }
 }
 

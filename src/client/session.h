@@ -5,6 +5,7 @@
 #include <mivo/calls.h>
 
 #include <atomic>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -55,11 +56,13 @@ struct ClientParts {
 // that is woken afterwards, and what is refused tells its caller.
 class Session : private Connection::Owner {
  public:
-  Session(const ClientParts& parts, Endpoint endpoint);
+  // The connection is to stand by `connect_deadline_ms` by NowMs; 0: when the kernel gives up.
+  Session(const ClientParts& parts, Endpoint endpoint, std::int64_t connect_deadline_ms);
   ~Session() override;
 
-  // Starts the thread and blocks until the connection stands or cannot be had. After a failure the session is over.
-  bool Connect();
+  // Starts the thread and blocks until the connection stands: 0; or cannot be had: the negative errno, and the session
+  // is over.
+  int Connect();
 
   // Any thread. True from the connect until the connection ends or is closed.
   bool is_connected() const;
@@ -113,7 +116,7 @@ class Session : private Connection::Owner {
 
   // Loop thread, all of these.
   void RunThread();
-  bool Start();
+  int Start();
   void SayThatItRuns(const char* local_text, const char* tcp_text);
   void Sweep();
   void EndConnection();
@@ -133,8 +136,10 @@ class Session : private Connection::Owner {
 
   const ClientParts parts_;
   const Endpoint endpoint_;
+  const std::int64_t connect_deadline_ms_;
   LoopThread thread_{"mivo-client"};
   OneShot started_;
+  int start_status_ = 0;  // written before started_ is set
 
   EventLoop loop_;
   Timer sweep_timer_;

@@ -23,6 +23,11 @@ class JobGroup {
     return unfinished_ == 0;
   }
 
+  int count() {
+    MutexLock lock(mutex_);
+    return unfinished_;
+  }
+
   // Not in one of its own jobs.
   void WaitUntilIdle() {
     MutexLock lock(mutex_);

@@ -22,9 +22,10 @@ constexpr std::chrono::microseconds kTick{2000};
 constexpr unsigned int kBusyRounds = 16;
 constexpr unsigned int kQuietRounds = 4;
 
-// A reader that sleeps looks after spare memory, as long as there is any.
+// Whoever sleeps looks after spare memory, as long as there is any: the reader, and those who rest, for a handler may
+// leave some when the reader sleeps already.
+constexpr int kSpareMemoryMs = 1100;
 int SleepMs() {
-  constexpr int kSpareMemoryMs = 1100;
   return HasSpareMemory() ? kSpareMemoryMs : -1;
 }
 
@@ -199,6 +200,11 @@ void Pool::Rest() {
       --resting_;
       is_needed = WatchOver();
       ++resting_;
+    } else if (HasSpareMemory()) {
+      wake_.WaitUntil(mutex_, std::chrono::steady_clock::now() + std::chrono::milliseconds(kSpareMemoryMs));
+      mutex_.unlock();
+      AgeSpareMemory(NowNs());
+      mutex_.lock();
     } else {
       wake_.Wait(mutex_);
     }

@@ -33,6 +33,7 @@ void ClientTable::OnIncoming(int descriptor, Endpoint::Kind kind) {
   }
   const auto connection = std::make_shared<Connection>(static_cast<Connection::Owner&>(*this), jobs_, UnusedId());
   connection->PauseReadingWhenFull();
+  if (print_.is_quiet()) connection->BeQuiet();
   const int id = connection->id();
   // Listed before it is announced: whoever hears of it from the notice may call it at once.
   const std::size_t count = Enter(connection);

@@ -9,6 +9,7 @@
 #include "calls/diagnostics.h"
 #include "calls/handler_table.h"
 #include "calls/request_job.h"
+#include "transport/envelope.h"
 
 namespace mivo {
 
@@ -20,6 +21,7 @@ class Dispatch : public RequestServer {
 
   // One request: arguments, catch-all, handler, and the reply's tail.
   void Serve(const Request& request, MIVOParams* reply) override;
+  ReplyTail tail() const override { return &AppendServerReplyTail; }
 
   // The method alone; without one the reply says so.
   void CallMethod(const std::string& name, int client_id, MIVOParams* request, MIVOParams* reply);

@@ -26,7 +26,7 @@ int SetOption(int socket, int level, int option, int value) {
 
 }  // namespace
 
-bool Listener::Listen(const Endpoint& endpoint, std::function<void(int descriptor)> on_incoming) {
+int Listener::Listen(const Endpoint& endpoint, std::function<void(int descriptor)> on_incoming) {
   kind_ = endpoint.kind;
   on_incoming_ = std::move(on_incoming);
 
@@ -36,14 +36,11 @@ bool Listener::Listen(const Endpoint& endpoint, std::function<void(int descripto
   const bool is_port_in_use = status == -EADDRINUSE && kind_ != Endpoint::kLocal;
   if (status < 0 && !is_port_in_use) {
     print_.Debug("Bind error: %s\n", uv_err_name(status));
-    return false;
+    return status;
   }
   if (status >= 0) status = StartListening();
-  if (status < 0) {
-    print_.Debug("Listen error: %s\n", uv_err_name(status));
-    return false;
-  }
-  return true;
+  if (status < 0) print_.Debug("Listen error: %s\n", uv_err_name(status));
+  return status;
 }
 
 int Listener::Bind(const Endpoint& endpoint) {
@@ -54,20 +51,26 @@ int Listener::Bind(const Endpoint& endpoint) {
   socket_ = OpenSocket(kind_);
   if (socket_ < 0) return socket_;
 
-  if (kind_ == Endpoint::kLocal) {
-    const std::string path = SocketPath(endpoint);
-    SocketFile::MakeRoom(path);
-    // A folder that is missing is told as one that lets nobody in: what users of this text know.
-    if (::bind(socket_, address.get(), address.size) != 0) return errno == ENOENT ? -EACCES : -errno;
-    file_.Own(path);
-    return 0;
-  }
+  if (kind_ == Endpoint::kLocal) return BindLocal(endpoint, address);
   // The port of a server that has just ended is free, whatever connections it has left to wear off.
   int option = SetOption(socket_, SOL_SOCKET, SO_REUSEADDR, 1);
   // "Every address" includes those of IPv4, whatever the system's default.
   if (option >= 0 && kind_ == Endpoint::kTcp6) option = SetOption(socket_, IPPROTO_IPV6, IPV6_V6ONLY, 0);
   if (option < 0) return option;
   return ::bind(socket_, address.get(), address.size) == 0 ? 0 : -errno;
+}
+
+int Listener::BindLocal(const Endpoint& endpoint, const SocketAddress& address) {
+  const std::string path = SocketPath(endpoint);
+  if (endpoint.is_path && SocketFile::IsServed(address)) return -EADDRINUSE;
+  SocketFile::MakeRoom(path);
+  if (::bind(socket_, address.get(), address.size) != 0) {
+    // Below a name, a folder that is missing is told as one that lets nobody in: what users of this text know.
+    return errno == ENOENT && !endpoint.is_path ? -EACCES : -errno;
+  }
+  file_.Own(path);
+  if (!endpoint.is_path) file_.OpenToAll(print_.is_quiet());
+  return 0;
 }
 
 int Listener::StartListening() {

@@ -26,11 +26,11 @@ class Listener {
   Listener(const Listener&) = delete;
   Listener& operator=(const Listener&) = delete;
 
-  // Binds and listens; what fails is printed, and what was opened is left for Close. `on_incoming` is called with each
-  // connection that was accepted: its descriptor, which does not block and is the callee's from then on. With a
-  // negative errno it is called when the socket reports an error; of a lack of descriptors or memory it hears once, at
-  // its beginning. It may close.
-  bool Listen(const Endpoint& endpoint, std::function<void(int descriptor)> on_incoming);
+  // Binds and listens: 0, or a negative errno. What fails is printed, and what was opened is left for Close.
+  // `on_incoming` is called with each connection that was accepted: its descriptor, which does not block and is the
+  // callee's from then on. With a negative errno it is called when the socket reports an error; of a lack of
+  // descriptors or memory it hears once, at its beginning. It may close.
+  int Listen(const Endpoint& endpoint, std::function<void(int descriptor)> on_incoming);
 
   // Nobody can connect any more, and who waits is turned away. May be repeated.
   void Close();
@@ -39,6 +39,7 @@ class Listener {
 
  private:
   int Bind(const Endpoint& endpoint);
+  int BindLocal(const Endpoint& endpoint, const SocketAddress& address);
   int StartListening();
   int StartPolling();
   int AcceptWaiting();

@@ -3,6 +3,7 @@
 #include <mivo/params.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
 #include <utility>
 
@@ -61,22 +62,24 @@ void MIVOServer::RegisterBuiltins() {
 }
 
 bool MIVOServer::StartMIVOServer(const char* name) {
-  return Start({Endpoint::kLocal, TextOrEmpty(name), ""});
+  return Listen({Endpoint::kLocal, TextOrEmpty(name), ""}) == 0;
 }
 
 bool MIVOServer::StartMIVOServerTcp4(const char* ip, const char* port) {
-  return Start({Endpoint::kTcp4, TextOrEmpty(port), TextOrEmpty(ip)});
+  return Listen({Endpoint::kTcp4, TextOrEmpty(port), TextOrEmpty(ip)}) == 0;
 }
 
 bool MIVOServer::StartMIVOServerTcp6(const char* ip, const char* port) {
-  return Start({Endpoint::kTcp6, TextOrEmpty(port), TextOrEmpty(ip)});
+  return Listen({Endpoint::kTcp6, TextOrEmpty(port), TextOrEmpty(ip)}) == 0;
 }
 
-bool MIVOServer::Start(const Endpoint& endpoint) {
-  if (!IsOfThisProcess() || isok() || IsInsideItself()) return false;
+int MIVOServer::Listen(const Endpoint& endpoint) {
+  if (!IsOfThisProcess()) return -EPERM;
+  if (isok()) return -EISCONN;
+  if (IsInsideItself()) return -EDEADLK;
   MutexLock lock(start_mutex_);
   if (const std::shared_ptr<Serving> old = CurrentServing()) {
-    if (old->is_running()) return false;
+    if (old->is_running()) return -EISCONN;
     // Closed, and perhaps not run to its end yet.
     old->Run();
   }
@@ -86,10 +89,10 @@ bool MIVOServer::Start(const Endpoint& endpoint) {
 
   auto serving = std::make_shared<Serving>(ServerParts{this, print_, handlers_, replies_, dispatch_, *slice_receiver_,
                                                        *slice_header_receiver_, timeout_step_ms_, async_calls_});
-  if (!serving->Start(endpoint)) return false;
+  if (const int status = serving->Start(endpoint); status < 0) return status;
   MutexLock serving_lock(serving_mutex_);
   serving_.swap(serving);
-  return true;
+  return 0;
 }
 
 bool MIVOServer::InitMIVOServer(const char* port) {

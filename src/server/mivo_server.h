@@ -63,11 +63,17 @@ class MIVOServer : public IServer {
   void CallAsync(int client_id, const char* name, const MIVOParams* params, int timeout_ms,
                  std::unique_ptr<CallCompletion> completion);
 
+  // See <mivo/connections.h>.
+  int Listen(const Endpoint& endpoint);
+  void StopListening();
+  int RequestsUnderWay();
+  int UserOf(int client_id);
+  void BeQuiet() { print_.BeQuiet(); }
+
   // False in a child of fork, which has a copy that nothing makes work.
   bool IsOfThisProcess() const { return process_.IsThisProcess(); }
 
  private:
-  bool Start(const Endpoint& endpoint);
   bool StartOnThread(const char* port, const std::function<bool(const char* port)>& start);
   std::unique_ptr<RecvLargeDataServer> MakeLargeDataReceiver();
   void RegisterBuiltins();

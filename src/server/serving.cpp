@@ -92,15 +92,16 @@ void Serving::ReleaseLoop() {
   loop_released_.NotifyAll();
 }
 
-bool Serving::Start(const Endpoint& endpoint) {
+int Serving::Start(const Endpoint& endpoint) {
   TakeLoop();
   const bool is_local = endpoint.kind == Endpoint::kLocal;
   parts_.print.Debug("%s %s port:%s\n", is_local ? "Pipe" : "Tcp", kVersionBanner, endpoint.name.c_str());
 
-  const bool started = loop_.Open() == 0 && listener_.Listen(endpoint, [this](int descriptor) {
-    clients_.OnIncoming(descriptor, listener_.kind());
-  });
-  if (started) {
+  int status = loop_.Open();
+  if (status >= 0) {
+    status = listener_.Listen(endpoint, [this](int descriptor) { clients_.OnIncoming(descriptor, listener_.kind()); });
+  }
+  if (status >= 0) {
     PublishPort(endpoint.name);
     running_ = true;
   } else {
@@ -108,7 +109,12 @@ bool Serving::Start(const Endpoint& endpoint) {
     loop_.Close();
   }
   ReleaseLoop();
-  return started;
+  return status;
+}
+
+int Serving::UserOf(int client_id) {
+  const std::shared_ptr<Connection> client = clients_.Find(client_id);
+  return client == nullptr ? -1 : client->peer_user();
 }
 
 void Serving::PublishPort(const std::string& name) {
@@ -192,8 +198,9 @@ void Serving::TakePayload(Connection& client, std::string_view payload, Jobs& jo
   } else if (parts_.handlers.IsUnder(*envelope.name, parts_.slice_headers)) {
     TakeSlice(parts_.slice_headers, client, payload, envelope, jobs);
   } else {
-    jobs.Push(std::make_unique<RequestJob>(jobs_, parts_.dispatch, client.shared_from_this(),
-                                           client.TakePayload(payload), payload, envelope));
+    auto job = std::make_unique<RequestJob>(jobs_, parts_.dispatch, client.shared_from_this(),
+                                            client.TakePayload(payload), payload, envelope);
+    RequestJob::Serve(std::move(job), parts_.handlers.IsInOrder(*envelope.name), jobs);
   }
 }
 

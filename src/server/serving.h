@@ -50,8 +50,14 @@ class Serving {
   explicit Serving(const ServerParts& parts);
   ~Serving();
 
-  // The thread that will own the loop until it returns. False: what failed was printed, everything is closed.
-  bool Start(const Endpoint& endpoint);
+  // The thread that will own the loop until it returns. 0, or a negative errno: what failed was printed, everything is
+  // closed.
+  int Start(const Endpoint& endpoint);
+
+  // Any thread. Nobody can connect any more, as soon as the thread that serves gets to it.
+  void StopListening() {
+    loop_.Post([this] { listener_.Close(); });
+  }
 
   // Serves on the calling thread until closed. While another thread serves: waits for its end.
   void Run();
@@ -71,6 +77,9 @@ class Serving {
   bool InThread() const { return loop_.InThread(); }
   CallsToClients& calls() { return calls_; }
   int read_count() const { return clients_.read_count(); }
+  int requests_under_way() { return jobs_.count(); }
+  // The user of a client's process, or -1. Any thread.
+  int UserOf(int client_id);
 
  private:
   class LargeRequestJob;

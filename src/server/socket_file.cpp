@@ -1,11 +1,15 @@
 #include "server/socket_file.h"
-#include "base/standard_output.h"
 
 #include <fcntl.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <utility>
+
+#include "base/standard_output.h"
+#include "transport/socket.h"
 
 namespace mivo {
 
@@ -32,6 +36,15 @@ void SocketFile::MakeRoom(const std::string& path) {
   if (::lstat(path.c_str(), &status) == 0 && S_ISSOCK(status.st_mode)) ::unlink(path.c_str());
 }
 
+bool SocketFile::IsServed(const SocketAddress& address) {
+  const int socket = OpenSocket(Endpoint::kLocal);
+  if (socket < 0) return false;
+  // A full list of newcomers is somebody's, too.
+  const bool is_served = ::connect(socket, address.get(), address.size) == 0 || errno == EAGAIN;
+  ::close(socket);
+  return is_served;
+}
+
 void SocketFile::Own(std::string path) {
   struct stat status {};
   // Where others may remove our file, what is there now may be theirs.
@@ -40,9 +53,12 @@ void SocketFile::Own(std::string path) {
     device_ = status.st_dev;
     inode_ = status.st_ino;
   }
+}
+
+void SocketFile::OpenToAll(bool quietly) {
   const int file = OpenIfOurs();
-  if (!OpenToEverybody(file)) PrintDirect("chmod failed");
-  if (!GiveAway(file)) PrintDirect("chown error");
+  if (!OpenToEverybody(file) && !quietly) PrintDirect("chmod failed");
+  if (!GiveAway(file) && !quietly) PrintDirect("chown error");
   if (file >= 0) ::close(file);
 }
 

@@ -7,6 +7,8 @@
 
 #include <string>
 
+#include "transport/endpoint.h"
+
 namespace mivo {
 
 // Whoever binds last has the name: a server that starts takes it from one that has ended without a word, and from one
@@ -25,9 +27,15 @@ class SocketFile {
   // finds the name in use.
   static void MakeRoom(const std::string& path);
 
-  // After the bind. From now on the file is ours; it is opened to everybody and given to the machine's first ordinary
-  // user. What fails of that is said on standard output.
+  // Whether somebody listens at that address, answering or not.
+  static bool IsServed(const SocketAddress& address);
+
+  // After the bind. From now on the file is ours.
   void Own(std::string path);
+
+  // Opens our file to everybody and gives it to the machine's first ordinary user. What fails of that is said on
+  // standard output, unless `quietly`.
+  void OpenToAll(bool quietly);
 
   // Before the socket is closed. Removes the file if it is still ours. May be repeated.
   void Remove();

@@ -29,6 +29,7 @@ inline constexpr char kClosedNotice[] = "s_c_closed";
 inline constexpr char kBuiltinClosedNotice[] = "s_c_buildin_closed";
 inline constexpr char kCreatePortNotice[] = "s_c_createport";
 inline constexpr char kLogSink[] = "s_c_log";
+inline constexpr char kUnknownMethod[] = "s_c_unknown";  // of a client, in place of handlers that it lacks
 
 // In the sets that a client makes when a call failed; never sent.
 inline constexpr char kErrorCodeKey[] = "errorCode";

@@ -51,6 +51,13 @@ void WidenLocalStream(int descriptor) {
   ::setsockopt(descriptor, SOL_SOCKET, SO_SNDBUF, &kSendBuffer, sizeof kSendBuffer);
 }
 
+int UserAt(int descriptor) {
+  ucred peer{};
+  socklen_t size = sizeof peer;
+  const bool is_known = ::getsockopt(descriptor, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0;
+  return is_known ? static_cast<int>(peer.uid) : -1;
+}
+
 bool IsMessage(std::string_view payload) {
   const Envelope envelope = ReadEnvelope(payload);
   return envelope.well_formed && envelope.name.has_value();
@@ -83,9 +90,15 @@ Connection::~Connection() {
   Close();
 }
 
+void Connection::BeQuiet() {
+  is_quiet_ = true;
+  door_.BeQuiet();
+}
+
 int Connection::Open(int descriptor) {
   descriptor_ = descriptor;
   WidenLocalStream(descriptor);
+  peer_user_ = UserAt(descriptor);
   is_closed_.store(false, std::memory_order_release);
   door_.Open(descriptor);
   const int status = Pool::OfProcess().Start(watch_, descriptor, weak_from_this());
@@ -108,7 +121,13 @@ bool Connection::Send(Frame frame) {
   return false;
 }
 
+void Connection::SendLate(Frame frame) {
+  if (door_.Send(std::move(frame)) != Door::Sent::kAccepted) return;
+  if (pauses_when_full_ && door_.waiting() > kFull) reading_.PausePool(true);
+}
+
 bool Connection::MayCauseLine() {
+  if (is_quiet_) return false;
   const std::int64_t now_ms = NowMs();
   if (!lines_.Allow(now_ms)) return false;
   if (const std::int64_t count = lines_.TakeSuppressed(now_ms)) WriteLine(CountedLines(count, "suppressed"));
@@ -120,7 +139,7 @@ void Connection::SayOfPeer(std::string_view line) {
 }
 
 void Connection::Drop() {
-  if (!is_closed()) PrintDirect("write error\n");
+  if (!is_closed() && !is_quiet_) PrintDirect("write error\n");
   owner_.OnFrameDropped(*this);
 }
 
@@ -263,7 +282,7 @@ void Connection::EndReading(int status) {
 }
 
 void Connection::EndForWantOfMemory() {
-  PrintDirect("out of memory: connection %d ends\n", id_);
+  if (!is_quiet_) PrintDirect("out of memory: connection %d ends\n", id_);
   door_.Break();
 }
 

@@ -52,6 +52,11 @@ class Connection : public Source,
   Connection& operator=(const Connection&) = delete;
 
   int id() const { return id_; }
+  // Of the process at the other end of a local stream; -1 of others. Once it was opened.
+  int peer_user() const { return peer_user_; }
+
+  // Before it is opened: nothing is printed.
+  void BeQuiet();
 
   // Once. Takes the descriptor of a connected stream that does not block; it is closed with the connection. From here
   // on it can be sent to. 0 or a negative errno: then it is not open.
@@ -65,6 +70,9 @@ class Connection : public Source,
 
   // In OnPayload: the payload's bytes, to be kept. Long ones are not copied, and stay where `payload` views them.
   OwnedPayload TakePayload(std::string_view payload) { return reassembler_.TakePayload(payload); }
+
+  // As Send, for a reply whose owner may have gone: to nobody, without a word, when the connection was closed.
+  void SendLate(Frame frame);
 
   // Whether the peer may cause one more line. Of too many in a second the rest is counted in one.
   bool MayCauseLine();
@@ -133,6 +141,8 @@ class Connection : public Source,
   Door door_;
   ReadingRole reading_;
   int descriptor_ = -1;
+  int peer_user_ = -1;
+  bool is_quiet_ = false;
   bool pauses_when_full_ = false;
   std::atomic<bool> is_closed_{true};
   LineBudget lines_;

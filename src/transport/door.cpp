@@ -43,6 +43,11 @@ std::size_t SizeOf(const Frame& frame) {
   return kFramePrefixSize + frame.payload.size();
 }
 
+void LetGo(std::list<Frame>& frames) {
+  for (Frame& frame : frames)
+    GiveSpareString(std::move(frame.payload));
+}
+
 bool HasPeerGone(int error) {
   return error == EPIPE || error == ECONNRESET || error == ENOTCONN || error == ETIMEDOUT || error == ECONNABORTED;
 }
@@ -62,8 +67,8 @@ Door::Sent Door::Send(Frame frame) {
     sent = SendLocked(frame, &loss);
   }
   GiveSpareString(std::move(frame.payload));
-  loss.Tell();
-  if (sent == Sent::kDropped) PrintDirect("write error\n");
+  Tell(loss);
+  if (sent == Sent::kDropped && !is_quiet_) PrintDirect("write error\n");
   return sent;
 }
 
@@ -99,21 +104,23 @@ Door::Sent Door::SendLocked(Frame& frame, Loss* loss) {
 
 void Door::WriteOn() {
   Loss loss;
+  std::list<Frame> written;
   {
     MutexLock lock(mutex_);
     if (descriptor_ < 0) return;
-    WriteWaiting(&loss);
+    WriteWaiting(&loss, &written);
   }
-  loss.Tell();
+  LetGo(written);
+  Tell(loss);
 }
 
-void Door::WriteWaiting(Loss* loss) {
-  while (!queue_.empty() && WriteSome(loss)) {
+void Door::WriteWaiting(Loss* loss, std::list<Frame>* written) {
+  while (!queue_.empty() && WriteSome(loss, written)) {
   }
   SetAwaitingRoom(!queue_.empty());
 }
 
-bool Door::WriteSome(Loss* loss) {
+bool Door::WriteSome(Loss* loss, std::list<Frame>* written) {
   std::array<iovec, kPartsAtOnce> parts;
   std::size_t count = 0;
   std::size_t skip = first_written_;
@@ -122,20 +129,19 @@ bool Door::WriteSome(Loss* loss) {
     count += PartsOf(frame, skip, parts.data() + count);
     skip = 0;
   }
-  const Written written = Write(parts.data(), count);
-  if (HasPeerGone(written.error)) {
-    PeerHasGone(written.error, queue_.size(), loss);
+  const Written step = Write(parts.data(), count);
+  if (HasPeerGone(step.error)) {
+    PeerHasGone(step.error, queue_.size(), loss);
     return false;
   }
   // Any other error is met again, or not, when there is room.
-  waiting_ -= written.size;
-  first_written_ += written.size;
+  waiting_ -= step.size;
+  first_written_ += step.size;
   while (!queue_.empty() && first_written_ >= SizeOf(queue_.front())) {
     first_written_ -= SizeOf(queue_.front());
-    GiveSpareString(std::move(queue_.front().payload));
-    queue_.pop_front();
+    written->splice(written->end(), queue_, queue_.begin());
   }
-  return written.size > 0;
+  return step.size > 0;
 }
 
 Door::Written Door::Write(const iovec* parts, std::size_t count) {
@@ -160,11 +166,11 @@ void Door::PeerHasGone(int error, std::size_t frames, Loss* loss) {
   ::shutdown(descriptor_, SHUT_RDWR);
 }
 
-void Door::Loss::Tell() const {
-  if (error == 0) return;
-  const char* const text = uv_strerror(uv_translate_sys_error(error));
-  if (frames > 1) {
-    PrintDirect("Write error: %s (%zu messages)\n", text, frames);
+void Door::Tell(const Loss& loss) const {
+  if (loss.error == 0 || is_quiet_) return;
+  const char* const text = uv_strerror(uv_translate_sys_error(loss.error));
+  if (loss.frames > 1) {
+    PrintDirect("Write error: %s (%zu messages)\n", text, loss.frames);
   } else {
     PrintDirect("Write error: %s\n", text);
   }
@@ -180,13 +186,15 @@ void Door::Drain(std::int64_t deadline_ms) {
   for (;;) {
     pollfd room{};
     Loss loss;
+    std::list<Frame> written;
     {
       MutexLock lock(mutex_);
       if (descriptor_ < 0) return;
-      WriteWaiting(&loss);
+      WriteWaiting(&loss, &written);
       if (!queue_.empty()) room = {descriptor_, POLLOUT, 0};
     }
-    loss.Tell();
+    LetGo(written);
+    Tell(loss);
     if (room.events == 0) return;
     const std::int64_t left_ms = deadline_ms - NowMs();
     if (left_ms <= 0) return;
@@ -211,7 +219,7 @@ void Door::Close() {
     first_written_ = 0;
     waiting_ = 0;
   }
-  if (!dropped.empty()) Loss{ECANCELED, dropped.size()}.Tell();
+  if (!dropped.empty()) Tell({ECANCELED, dropped.size()});
 }
 
 }  // namespace mivo

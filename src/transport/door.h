@@ -32,6 +32,9 @@ class Door {
   Door(const Door&) = delete;
   Door& operator=(const Door&) = delete;
 
+  // Before it is opened: what is lost is not printed.
+  void BeQuiet() { is_quiet_ = true; }
+
   // Opens it. `descriptor` is a connected stream that does not block; it stays the caller's, who closes the door first.
   void Open(int descriptor);
 
@@ -70,16 +73,17 @@ class Door {
   struct Loss {
     int error = 0;
     std::size_t frames = 0;
-    void Tell() const;
   };
-  // False if the kernel takes no more for now.
-  bool WriteSome(Loss* loss) MIVO_REQUIRES(mutex_);
-  void WriteWaiting(Loss* loss) MIVO_REQUIRES(mutex_);
+  void Tell(const Loss& loss) const;
+  // False if the kernel takes no more for now. What is done with goes to `written`, to be let go of without the lock.
+  bool WriteSome(Loss* loss, std::list<Frame>* written) MIVO_REQUIRES(mutex_);
+  void WriteWaiting(Loss* loss, std::list<Frame>* written) MIVO_REQUIRES(mutex_);
   void PeerHasGone(int error, std::size_t frames, Loss* loss) MIVO_REQUIRES(mutex_);
   Sent SendLocked(Frame& frame, Loss* loss) MIVO_REQUIRES(mutex_);
   void SetAwaitingRoom(bool on) MIVO_REQUIRES(mutex_);
 
   Room& room_;
+  bool is_quiet_ = false;
   Mutex mutex_;
   int descriptor_ MIVO_GUARDED_BY(mutex_) = -1;
   std::list<Frame> queue_ MIVO_GUARDED_BY(mutex_);

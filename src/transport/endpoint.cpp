@@ -23,7 +23,7 @@ int ToLocalAddress(const std::string& path, SocketAddress* address) {
 }  // namespace
 
 std::string SocketPath(const Endpoint& endpoint) {
-  return "/tmp/echo.sock." + endpoint.name;
+  return endpoint.is_path ? endpoint.name : "/tmp/echo.sock." + endpoint.name;
 }
 
 int PortNumber(const std::string& text) {

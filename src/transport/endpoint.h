@@ -12,11 +12,12 @@ struct Endpoint {
   enum Kind { kLocal, kTcp4, kTcp6 };
 
   Kind kind = kLocal;
-  std::string name;  // the local socket's name, or the port as text
-  std::string host;  // TCP only: a numeric address
+  std::string name;      // the local socket's name, or the port as text
+  std::string host;      // TCP only: a numeric address
+  bool is_path = false;  // local only: the name is a path of its own
 };
 
-// "/tmp/echo.sock." and the name.
+// "/tmp/echo.sock." and the name, or the path.
 std::string SocketPath(const Endpoint& endpoint);
 
 // The decimal number that `text` begins with, 0 if none. Out of range it is cut to 32 bits.

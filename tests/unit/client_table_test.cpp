@@ -38,8 +38,9 @@ class ClientTableTest : public testing::Test {
   ClientTableTest() {
     next_id = 0;
     print_.SetLevel(nullptr, 0);
-    EXPECT_TRUE(listener_.Listen({Endpoint::kLocal, address_.name, ""},
-                                 [this](int descriptor) { clients_.OnIncoming(descriptor, Endpoint::kLocal); }));
+    EXPECT_EQ(listener_.Listen({Endpoint::kLocal, address_.name, ""},
+                               [this](int descriptor) { clients_.OnIncoming(descriptor, Endpoint::kLocal); }),
+              0);
   }
   ~ClientTableTest() override {
     listener_.Close();

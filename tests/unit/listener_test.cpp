@@ -27,10 +27,11 @@ using mivo_test::Transport;
 class ListenerOnEveryTransport : public testing::TestWithParam<Transport> {
  protected:
   ListenerOnEveryTransport() {
-    EXPECT_TRUE(listener_.Listen({KindOf(GetParam()), address_.name, address_.host}, [this](int descriptor) {
+    const auto take = [this](int descriptor) {
       accepted_.push_back(descriptor);
       if (on_incoming_) on_incoming_();
-    }));
+    };
+    EXPECT_EQ(listener_.Listen({KindOf(GetParam()), address_.name, address_.host}, take), 0);
   }
   ~ListenerOnEveryTransport() override {
     listener_.Close();

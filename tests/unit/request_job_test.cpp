@@ -32,6 +32,7 @@ class FunctionServer : public RequestServer {
   using Function = std::function<void(const Request& request, MIVOParams* reply)>;
   explicit FunctionServer(Function function) : function_(std::move(function)) {}
   void Serve(const Request& request, MIVOParams* reply) override { function_(request, reply); }
+  ReplyTail tail() const override { return &AppendServerReplyTail; }
 
  private:
   const Function function_;
