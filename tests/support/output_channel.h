@@ -23,9 +23,9 @@ namespace mivo_test {
 
 enum class Channel { Pipe, Socket, Terminal };
 
-// From construction to destruction descriptor 1 leads there, or until something has failed: the framework prints that to
-// standard output, and would wait for ever for the test to read it. One at a time. Of a test that has failed, what was
-// not read is shown at the end.
+// From construction to destruction descriptor 1 leads there, or until something has failed: the framework prints that
+// to standard output, and would wait for ever for the test to read it. One at a time. Of a test that has failed, what
+// was not read is shown at the end.
 class OutputChannel : private testing::EmptyTestEventListener {
  public:
   explicit OutputChannel(Channel channel) {

@@ -195,6 +195,32 @@ TEST_P(RpcCalls, AreServedAgainAfterAClose) {
   EXPECT_EQ(mivo::Client(address_).call<int>("one"), 1);
 }
 
+// A call that is refused because the connection ends may have been told, and deleted, by then.
+TEST_P(RpcCalls, ThatAreBegunWhileTheConnectionEndsAreToldOnceEach) {
+  constexpr int kRounds = 40;
+  server_.on("one", [] { return 1; });
+  for (int round = 0; round < kRounds / mivo_test::kScaledown; ++round) {
+    std::atomic<int> told{0};
+    std::atomic<int> begun{0};
+    mivo::Client client(address_);
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 3; ++i) {
+      threads.emplace_back([&] {
+        while (client.is_connected()) {
+          ++begun;
+          client.then([&](const mivo::Result<void>&) { ++told; }, "one");
+        }
+      });
+    }
+    EXPECT_TRUE(mivo_test::Eventually([&] { return told > 100; }));
+    server_.close();
+    for (std::thread& thread : threads)
+      thread.join();
+    EXPECT_TRUE(mivo_test::Eventually([&] { return told == begun; }));
+    server_.listen(address_);
+  }
+}
+
 TEST(RpcServer, SaysThatItCannotListen) {
   const std::string address = AddressOn(Transport::Tcp4);
   mivo::Server first;
@@ -221,15 +247,21 @@ TEST(RpcClient, RefusesASecondHandlerOfAName) {
 
 TEST(RpcAddress, IsReadOrRefusedWithItsReason) {
   using mivo::Address;
-  EXPECT_EQ(Address::Parse("unix:jobs").name, "jobs");
-  EXPECT_EQ(Address::Parse("tcp:127.0.0.1:80").host, "127.0.0.1");
-  EXPECT_EQ(Address::Parse("tcp:127.0.0.1:80").name, "80");
-  EXPECT_EQ(Address::Parse("tcp:[::1]:65535").kind, Address::kTcp6);
-  EXPECT_EQ(Address::Parse("tcp:[::1]:65535").host, "::1");
-  for (const std::string& wrong : {std::string(), std::string("jobs"), std::string("unix:"), std::string("unix:a/b"),
-                                   "unix:" + std::string(93, 'x'), std::string("tcp:127.0.0.1"), std::string("tcp::80"),
-                                   std::string("tcp:localhost:80"), std::string("tcp:127.0.0.1:"),
-                                   std::string("tcp:127.0.0.1:65536"), std::string("tcp:127.0.0.1:8x")}) {
+  using mivo::AddressKind;
+  EXPECT_EQ(Address::Parse("unix:jobs").kind, AddressKind::kName);
+  EXPECT_EQ(Address::Parse("unix:jobs").where, "jobs");
+  EXPECT_EQ(Address::Parse("unix:/run/jobs").kind, AddressKind::kPath);
+  EXPECT_EQ(Address::Parse("unix:/run/jobs").where, "/run/jobs");
+  EXPECT_EQ(Address::Parse("unix:./jobs").kind, AddressKind::kPath);
+  EXPECT_EQ(Address::Parse("tcp:127.0.0.1:80").where, "127.0.0.1");
+  EXPECT_EQ(Address::Parse("tcp:127.0.0.1:80").port, "80");
+  EXPECT_EQ(Address::Parse("tcp:[::1]:65535").kind, AddressKind::kTcp6);
+  EXPECT_EQ(Address::Parse("tcp:[::1]:65535").where, "::1");
+  for (const std::string& wrong :
+       {std::string(), std::string("jobs"), std::string("unix:"), "unix:/" + std::string(107, 'x'),
+        "unix:" + std::string(93, 'x'), std::string("tcp:127.0.0.1"), std::string("tcp::80"),
+        std::string("tcp:localhost:80"), std::string("tcp:127.0.0.1:"), std::string("tcp:127.0.0.1:65536"),
+        std::string("tcp:127.0.0.1:8x")}) {
     EXPECT_THROW(Address::Parse(wrong), std::invalid_argument) << wrong;
   }
 }

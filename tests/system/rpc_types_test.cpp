@@ -215,6 +215,8 @@ TEST_F(RpcTypes, OptionalArgumentsMayBeMissingAtTheEnd) {
   });
   EXPECT_EQ(client().call<std::string>("greet", "a"), "a1");
   EXPECT_EQ(client().call<std::string>("greet", "a", std::optional<int>(3)), "a3");
+  EXPECT_EQ(client().call<std::string>("greet", "a", 3), "a3");
+  EXPECT_THROW(client().call<std::string>("greet", "a", "three"), mivo::WrongType);
 }
 
 TEST_F(RpcTypes, MoveOnlyResultsAndNoResultAreResults) {

@@ -11,7 +11,8 @@ namespace mivo {
 // Thrown by a handler, it reaches the caller as this, with the same code and text. The code is for programs: a word or
 // two with dots, such as "queue.full"; codes that begin with "mivo." are the library's own. The text is for people.
 //
-// The classes below are what the library throws by itself, and what it makes of its own codes.
+// The classes below are what the library throws by itself, and what it makes of its own codes. The others of its codes
+// come as an Error: kExceptionCode, kOverloadedCode, kStoppingCode (handler.h), and "mivo.cannot_listen".
 class Error : public std::runtime_error {
  public:
   Error(std::string code, const std::string& text) : std::runtime_error(text), code_(std::move(code)) {}
@@ -21,7 +22,8 @@ class Error : public std::runtime_error {
   std::string code_;
 };
 
-// Nothing was sent: there is no connection, or no such client. To be tried again without harm.
+// Nothing was sent: there is no connection, no such client, or it was to be sent in on_connect or on_disconnect. To be
+// tried again without harm.
 class NotConnected : public Error {
  public:
   static constexpr const char* kCode = "mivo.not_connected";
@@ -42,14 +44,16 @@ class Disconnected : public Error {
   explicit Disconnected(const std::string& text) : Error(kCode, text) {}
 };
 
-// The peer offers no method of that name. To be mended in a program.
+// The server offers no method of that name. To be mended in a program. A client says nothing of names that it does not
+// offer: such a call ends with NoAnswer.
 class NoSuchMethod : public Error {
  public:
   static constexpr const char* kCode = "mivo.no_such_method";
   explicit NoSuchMethod(const std::string& text) : Error(kCode, text) {}
 };
 
-// The arguments, or the result, are not of the types that were asked for. To be mended in a program.
+// The arguments, or the result, are not of the types that were asked for; for arguments, no handler has run. To be
+// mended in a program.
 class WrongType : public Error {
  public:
   static constexpr const char* kCode = "mivo.wrong_type";
@@ -58,6 +62,13 @@ class WrongType : public Error {
 
 // The code of a handler's exception that is no Error; its text is what().
 inline constexpr const char* kExceptionCode = "mivo.exception";
+
+// What is answered instead of a handler that is not to run: it is used to the full, or its object is about to end.
+inline constexpr const char* kOverloadedCode = "mivo.overloaded";
+inline constexpr const char* kStoppingCode = "mivo.stopping";
+
+// Thrown by listen.
+inline constexpr const char* kCannotListenCode = "mivo.cannot_listen";
 
 }  // namespace mivo
 

@@ -3,44 +3,36 @@
 //     struct Job { std::string name; std::int64_t size; };
 //     MIVO_FIELDS(Job, name, size)
 //
-// in the namespace of the struct, for up to 32 fields, in any order. They travel under their names: fields that the
-// sender has and the receiver has not are passed over, and a std::optional may be missing.
+// in the namespace of the struct, for up to 32 public fields, in any order; what is received is made as Job{} first.
+// They travel under their names: fields that the sender has and the receiver has not are passed over, and a
+// std::optional may be missing.
 #ifndef MIVO_RPC_FIELDS_H_
 #define MIVO_RPC_FIELDS_H_
 
-#include <tuple>
 #include <type_traits>
-#include <utility>
 
 namespace mivo {
 
-template <class Struct, class Member>
-struct Field {
-  const char* name;
-  Member Struct::*member;
-};
-template <class Struct, class Member>
-constexpr Field<Struct, Member> MakeField(const char* name, Member Struct::*member) {
-  return {name, member};
-}
-
-// The name of a struct and its fields, found where the struct was declared.
+// What MIVO_FIELDS has made is found where the struct was declared.
 template <class Struct, class = void>
 struct HasFields : std::false_type {};
 template <class Struct>
-struct HasFields<Struct, std::void_t<decltype(MivoFieldsOf(static_cast<const Struct*>(nullptr)))>> : std::true_type {};
+struct HasFields<Struct, std::void_t<decltype(MivoNameOf(static_cast<const Struct*>(nullptr)))>> : std::true_type {};
 
 }  // namespace mivo
 
-#define MIVO_FIELDS(Struct, ...)                                            \
-  [[maybe_unused]] inline constexpr const char* MivoNameOf(const Struct*) { \
-    return #Struct;                                                         \
-  }                                                                         \
-  [[maybe_unused]] inline constexpr auto MivoFieldsOf(const Struct*) {      \
-    return std::make_tuple(MIVO_EACH_FIELD(Struct, __VA_ARGS__));           \
+// MivoEachField calls mivo_visit("field", &Struct::field) for one after the other. (Not a std::tuple of them: that
+// would be much of what a struct costs to compile.)
+#define MIVO_FIELDS(Struct, ...)                                                              \
+  [[maybe_unused]] inline constexpr const char* MivoNameOf(const Struct*) {                   \
+    return #Struct;                                                                           \
+  }                                                                                           \
+  template <class MivoVisit>                                                                  \
+  [[maybe_unused]] constexpr void MivoEachField(const Struct*, const MivoVisit& mivo_visit) { \
+    MIVO_EACH_FIELD(Struct, __VA_ARGS__);                                                     \
   }
 
-#define MIVO_FIELD(Struct, name) ::mivo::MakeField(#name, &Struct::name)
+#define MIVO_FIELD(Struct, name) mivo_visit(#name, &Struct::name)
 #define MIVO_EACH_FIELD(Struct, ...)                                                                                   \
   MIVO_PICK_FIELDS(__VA_ARGS__, MIVO_F32, MIVO_F31, MIVO_F30, MIVO_F29, MIVO_F28, MIVO_F27, MIVO_F26, MIVO_F25,        \
                    MIVO_F24, MIVO_F23, MIVO_F22, MIVO_F21, MIVO_F20, MIVO_F19, MIVO_F18, MIVO_F17, MIVO_F16, MIVO_F15, \

@@ -1,0 +1,72 @@
+#!/usr/bin/env bash
+# What compilers say to programs that use the library.
+#
+#   check.sh refused <source> <command>...    it does not compile, for the reason on its first line
+#   check.sh accepted <source> <command>...   it compiles, and the compiler has nothing to say
+#   check.sh timed <seconds> <source> <command>...
+#                                             it compiles within so many seconds of processor time
+#
+# The command is a compiler with its options.
+set -euo pipefail
+
+fail() {
+  printf 'FAILED: %s\n' "$*" >&2
+  exit 1
+}
+
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+object=$work/object.o
+
+refused() {
+  local source=$1 reason first count
+  shift
+  reason=$(sed -n '1s,^// refused: ,,p' "$source")
+  [[ -n $reason ]] || fail "the first line of $source gives no reason"
+  if "$@" -c -o "$object" "$source" >"$work/said" 2>&1; then
+    fail "it compiles"
+  fi
+  cat "$work/said"
+  first=$(grep -m 1 'error:' "$work/said") || fail "no error is told"
+  [[ $first == *"$reason"* ]] || fail "the first error does not say: $reason"
+  # More would push it out of sight.
+  count=$(grep -c 'error:' "$work/said")
+  ((count <= 5)) || fail "$count errors are told"
+}
+
+accepted() {
+  local source=$1
+  shift
+  "$@" -c -o "$object" "$source" >"$work/said" 2>&1 || {
+    cat "$work/said"
+    fail "it does not compile"
+  }
+  [[ ! -s $work/said ]] || {
+    cat "$work/said"
+    fail "the compiler has something to say"
+  }
+}
+
+# seconds_of <command>...: processor time in user mode.
+seconds_of() {
+  local seconds TIMEFORMAT=%U
+  seconds=$({ time "$@" >&2; } 2>&1) || fail "it does not compile: $seconds"
+  printf '%s' "$seconds"
+}
+
+timed() {
+  local limit=$1 source=$2 seconds optimised
+  shift 2
+  seconds=$(seconds_of "$@" -O0 -c -o "$object" "$source")
+  optimised=$(seconds_of "$@" -O2 -c -o "$object" "$source")
+  printf '%s s of user time with -O0, %s s with -O2; at most %s s are allowed with -O0\n' \
+    "$seconds" "$optimised" "$limit"
+  awk "BEGIN { exit !($seconds <= $limit) }" || fail "it takes too long to compile"
+}
+
+mode=$1
+shift
+case $mode in
+  refused | accepted | timed) "$mode" "$@" ;;
+  *) fail "no such mode: $mode" ;;
+esac
