@@ -25,6 +25,16 @@ MARGINS = {
     "allocations": (0.0, 0.3),
     "syscalls": (0.20, 1.5),
     "switches": (0.10, 0.5),
+    "typed-instructions": (0.0, 0.0),
+    "typed-allocations": (0.0, 0.3),
+}
+# Promised, and so not taken from a run: the typed layer costs a tenth more than the plain interface at most, and no
+# allocation.
+PROMISED = {
+    "client typed-instructions": 1.10,
+    "server typed-instructions": 1.10,
+    "client typed-allocations": 0.0,
+    "server typed-allocations": 0.0,
 }
 # Whatever disturbs a run adds to its figures: the least of several runs is the one that tells of the code.
 REPETITIONS = 3
@@ -97,7 +107,19 @@ def measured(peer, programs):
             left_out = str(error)
         for name, value in found.items():
             least[name] = min(value, least.get(name, value))
-    return least, left_out
+    return {**least, **typed(programs)}, left_out
+
+
+def typed(programs):
+    """What the sum of two numbers costs through the typed layer, for each that it costs through the plain interface."""
+    plain, layer = [{**instructions(peer, programs), **allocations_and_switches(peer, programs)}
+                    for peer in (Peer("gate", "gate_add", kind) for kind in ("plain", "typed"))]
+    found = {}
+    for side in ("client", "server"):
+        found[f"{side} typed-instructions"] = layer[f"{side} instructions"] / plain[f"{side} instructions"]
+        # A ratio would hide one more where there are few.
+        found[f"{side} typed-allocations"] = layer[f"{side} allocations"] - plain[f"{side} allocations"]
+    return {name: round(value, 2) for name, value in found.items()}
 
 
 def allowed(name, limit):
@@ -122,31 +144,31 @@ def main():
         return 1
     if options.update:
         with open(LIMITS, "w", encoding="utf-8") as file:
-            json.dump(found, file, indent=1)
+            json.dump({name: value for name, value in found.items() if name not in PROMISED}, file, indent=1)
             file.write("\n")
         for name, value in found.items():
-            print(f"{name:22} {value:10.2f}")
+            print(f"{name:26} {value:10.2f}")
         return 0
 
     with open(LIMITS, encoding="utf-8") as file:
-        limits = json.load(file)
+        limits = {**json.load(file), **PROMISED}
     status = 0
-    print(f"{'for each small call':22} {'measured':>10} {'checked in':>10} {'allowed':>10}")
+    print(f"{'for each small call':26} {'measured':>10} {'checked in':>10} {'allowed':>10}")
     for name in sorted(found.keys() | limits.keys()):
         if name not in found and left_out and name.endswith("syscalls"):
-            print(f"{name:22} is left out: {left_out}")
+            print(f"{name:26} is left out: {left_out}")
             continue
         if name not in limits or name not in found:
-            print(f"{name:22} is {'not measured' if name not in found else 'not checked in'}")
+            print(f"{name:26} is {'not measured' if name not in found else 'not checked in'}")
             status = 1
             continue
         verdict = ""
         if found[name] > allowed(name, limits[name]):
             verdict = "  TOO MANY"
             status = 1
-        elif limits[name] > allowed(name, found[name]):
+        elif name not in PROMISED and limits[name] > allowed(name, found[name]):
             verdict = "  far fewer: ./dev gate --update keeps it so"
-        print(f"{name:22} {found[name]:10.2f} {limits[name]:10.2f} {allowed(name, limits[name]):10.2f}{verdict}")
+        print(f"{name:26} {found[name]:10.2f} {limits[name]:10.2f} {allowed(name, limits[name]):10.2f}{verdict}")
     return status
 
 

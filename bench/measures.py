@@ -22,6 +22,7 @@ class Measure:
     tcp: bool = False  # also for the peers over TCP
     quick: bool = True
     quick_arguments: dict = field(default_factory=dict)
+    layer: bool = False  # only of the peers that name it
     what: str = ""
 
 
@@ -46,6 +47,8 @@ MEASURES = [
     *[_callers(count, count == 8) for count in (1, 2, 4, 8, 16)],
     Measure("connections-8", "calls_s", "connections", {"threads": 8}, tcp=True,
             what="8 connections with one caller each"),
+    Measure("async-10000", "calls_s", "many", {"calls": 10000}, layer=True,
+            what="10,000 calls under way at a time from one thread, each of which ends in a function"),
     *[_slow(count) for count in (1, 3, 8)],
     Measure("posts-1", "posts_s", "posts", {"threads": 1}, what="calls that nobody waits for, from one thread"),
     Measure("posts-8", "posts_s", "posts", {"threads": 8}, what="calls that nobody waits for, from 8 threads"),

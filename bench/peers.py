@@ -13,6 +13,7 @@ class Peer:
     note: str = ""
     environment: dict = field(default_factory=dict)
     left_out: dict = field(default_factory=dict)  # measure -> why
+    measures: tuple = ()  # these only
 
 
 RAW = "raw"
@@ -35,10 +36,15 @@ PEERS = [
     Peer("nng", "nng", packages=("libnng-dev",), note="nng req/rep, four workers with contexts"),
     Peer("sd-bus", "sdbus", packages=("libsystemd-dev",), note="sd-bus peer to peer, one thread a side",
          left_out={"idle-10000": "its loop looks at all connections in each turn; opening so many takes minutes"}),
+    Peer("libmivo-add", "mivo_add", "plain", measures=("call",),
+         note="the sum of two numbers through the plain interface"),
+    Peer("libmivo-add-typed", "mivo_add", "typed", measures=("call", "async-10000"),
+         note="the same through the typed layer"),
     Peer(RAW_TCP, "raw", transport="tcp", note="raw over TCP loopback"),
     Peer("libmivo-tcp", "mivo", transport="tcp", note="libmivo over TCP loopback"),
     Peer("grpc-tcp", "grpc", transport="tcp", packages=("libgrpc++-dev", "protobuf-compiler-grpc", "libprotobuf-dev"),
          note="gRPC C++ over TCP loopback"),
 ]
 
+LAYERS = tuple(peer.name for peer in PEERS if peer.measures)
 TCP = tuple(peer.name for peer in PEERS if peer.transport == "tcp")

@@ -12,7 +12,7 @@ import sys
 
 import plots
 from measures import FREE, MEASURES, ONE_CPU, PLACEMENTS, SPLIT
-from peers import BEST, RAW, RAW_TCP, TCP
+from peers import BEST, LAYERS, RAW, RAW_TCP, TCP
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 DOCUMENT = os.path.join(HERE, "..", "docs", "benchmarks.md")
@@ -44,7 +44,7 @@ class Figures:
         self.rows = {(row["peer"], row["measure"], row["placement"]): row for row in results["figures"]}
 
     def peers(self, tcp):
-        return [name for name in self.results["peers"] if (name in TCP) == tcp]
+        return [name for name in self.results["peers"] if (name in TCP) == tcp and name not in LAYERS]
 
     def row(self, peer, measure, place):
         return self.rows.get((peer, measure, place), {})
@@ -71,11 +71,11 @@ class Figures:
                                                                          "hogs-posts")) else ""
         return number(value, digits) + own + (f" ({'; '.join(ratios)})" if any(r != "-" for r in ratios) else "")
 
-    def table(self, title, columns, tcp=False):
+    def table(self, title, columns, tcp=False, peers=None):
         """Columns: (heading, measure, placement, field, digits). Nothing where nothing was measured."""
         references = (RAW_TCP,) if tcp else (RAW, BEST)
         lines = []
-        for peer in self.peers(tcp):
+        for peer in self.peers(tcp) if peers is None else [name for name in self.results["peers"] if name in peers]:
             cells = [self.cell(peer, column, references) for column in columns]
             if any(cells):
                 name = f"**{peer}**" if peer.startswith(OURS) else peer
@@ -107,6 +107,10 @@ def all_tables(figures):
         ("8 x 1", "connections-8", FREE, "calls_s", 0)])
     lines += figures.table("Many callers, CPU s / 100k", [
         ("8 on 1", "callers-8", FREE, "cpu_s_100k", 2), ("8 x 1", "connections-8", FREE, "cpu_s_100k", 2)])
+    lines += figures.table("The sum of two numbers through the plain interface and through the typed layer", [
+        ("free p50 us", "call", FREE, "p50_us", 1), ("free p99 us", "call", FREE, "p99_us", 1),
+        ("1 CPU p50 us", "call", ONE_CPU, "p50_us", 1), ("1 CPU, CPU s / 100k", "call", ONE_CPU, "cpu_s_100k", 2),
+        ("10,000 under way /s", "async-10000", FREE, "calls_s", 0)], peers=LAYERS)
     lines += figures.table("Posts, a second; openings with a first call, a second", [
         ("posts, 1 thread", "posts-1", FREE, "posts_s", 0), ("posts, 8 threads", "posts-8", FREE, "posts_s", 0),
         ("open", "open", FREE, "opens_s", 0)])

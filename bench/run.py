@@ -121,6 +121,8 @@ class Run:
                     for peer in self.peers[turn:] + self.peers[:turn]:
                         if peer.transport == "tcp" and not measure.tcp:
                             continue
+                        if measure.name not in peer.measures and (peer.measures or measure.layer):
+                            continue
                         self._note(servers, peer, measure, placement)
         finally:
             for server in servers.values():

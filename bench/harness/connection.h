@@ -49,6 +49,9 @@ class Connection {
   virtual void Post() { Lacking(); }
   virtual std::uint64_t Posted() { Lacking(); }
 
+  // So many calls under way at a time, from this thread; returns when all are answered.
+  virtual void CallMany(int) { Lacking(); }
+
   // Has the server make small calls to this client, one after the other, for so long. The time of each, in ns, is
   // kept at the server until BackTimes.
   virtual void BackCalls(unsigned) { Lacking(); }

@@ -22,6 +22,7 @@ void MeasureBackAfterCall(const Options& options, const Peer& peer, nlohmann::js
 // throughput.cpp
 void MeasureCallers(const Options& options, const Peer& peer, nlohmann::json& result);
 void MeasureConnections(const Options& options, const Peer& peer, nlohmann::json& result);
+void MeasureMany(const Options& options, const Peer& peer, nlohmann::json& result);
 void MeasurePosts(const Options& options, const Peer& peer, nlohmann::json& result);
 void MeasureEcho(const Options& options, const Peer& peer, nlohmann::json& result);
 void MeasureEchoLarge(const Options& options, const Peer& peer, nlohmann::json& result);

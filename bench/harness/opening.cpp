@@ -88,6 +88,7 @@ void RunMeasure(const Options& options, const Peer& peer, const std::function<vo
       {"back_after_call", MeasureBackAfterCall},
       {"callers", MeasureCallers},
       {"connections", MeasureConnections},
+      {"many", MeasureMany},
       {"posts", MeasurePosts},
       {"echo", MeasureEcho},
       {"echo_large", MeasureEchoLarge},

@@ -103,6 +103,18 @@ void MeasureConnections(const Options& options, const Peer& peer, nlohmann::json
   CallFromMany(options, peer, nullptr, result);
 }
 
+void MeasureMany(const Options& options, const Peer& peer, nlohmann::json& result) {
+  const std::unique_ptr<Connection> connection = peer.connect();
+  connection->CallMany(options.calls);
+  std::uint64_t calls = 0;
+  const std::uint64_t begin = NowNs();
+  do {
+    connection->CallMany(options.calls);
+    calls += static_cast<std::uint64_t>(options.calls);
+  } while (SecondsSince(begin) < options.seconds);
+  result["calls_s"] = static_cast<double>(calls) / SecondsSince(begin);
+}
+
 void MeasurePosts(const Options& options, const Peer& peer, nlohmann::json& result) {
   const bool shared = options.threads > 1 && peer.connect_shared;
   const std::shared_ptr<Connection> common = shared ? peer.connect_shared() : nullptr;
