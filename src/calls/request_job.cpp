@@ -22,7 +22,7 @@ OwnedPayload CopyOf(std::string_view bytes) {
   return {std::move(storage), copied};
 }
 
-// Handlers of one request do not run inside those of another.
+// A handler that calls and waits may have to read, and hand on a request of another connection meanwhile.
 thread_local RequestJob* current = nullptr;
 
 bool FitsAFrame(const std::string& reply, const Envelope& request) {
@@ -110,13 +110,13 @@ RequestJob* RequestJob::Current() {
 
 void RequestJob::Run() {
   const ServedPeer scope(*request_.connection);
-  current = this;
+  RequestJob* const outer = std::exchange(current, this);
   try {
     server_.Serve(request_, &reply_);
   } catch (const std::bad_alloc&) {
     request_.connection->EndForWantOfMemory();
   }
-  current = nullptr;
+  current = outer;
 }
 
 std::unique_ptr<LateReply> RequestJob::TakeReply() {

@@ -287,6 +287,45 @@ TEST_F(Connections, AnswerLaterAlsoToAServer) {
   late.reset();
 }
 
+// A handler that calls somebody else reads for him, and may have to hand on a request of his before it answers itself.
+TEST_F(Connections, AnswerLaterAlsoAfterACallThatHasReadForOthers) {
+  const std::string inner_path = OwnPath();
+  Server inner(CreateServer());
+  mivo::BeQuiet(*inner);
+  inner->SetCustomReleaseEvent();
+  Client asking(CreateClient());
+  mivo::BeQuiet(*asking);
+  asking->SetCustomReleaseEvent();
+  InOrderMethod seven([](int, MIVOParams*, MIVOParams* reply) { reply->AddInt(7); });
+  asking->method("seven", &seven);
+  Method back([&](int id, MIVOParams*, MIVOParams*) {
+    MIVOParams answer;
+    EXPECT_EQ(mivo::Call(*inner, id, "seven", nullptr, 20000, answer), mivo::CallOutcome::kAnswered);
+  });
+  inner->method("back", &back);
+  ASSERT_EQ(mivo::Listen(*inner, AddressKind::kPath, inner_path.c_str(), nullptr), 0);
+  const Serving serving_inner(*inner);
+  ASSERT_EQ(mivo::Connect(*asking, AddressKind::kPath, inner_path.c_str(), nullptr, 20000), 0);
+
+  Method outer([&](int, MIVOParams*, MIVOParams*) {
+    MIVOParams nothing;
+    EXPECT_EQ(mivo::Call(*asking, "back", nullptr, 20000, nothing), mivo::CallOutcome::kAnswered);
+    const std::unique_ptr<mivo::LateReply> late(mivo::ReplyLater());
+    ASSERT_NE(late, nullptr);
+    MIVOParams answer;
+    answer.AddInt(42);
+    late->Send(answer);
+  });
+  server_->SetCustomReleaseEvent();
+  server_->method("outer", &outer);
+  ASSERT_EQ(Listen(), 0);
+  const Serving serving(*server_);
+  ASSERT_EQ(Connect(), 0);
+  for (int i = 0; i < 50; ++i)
+    EXPECT_EQ(Call("outer"), 42);
+  asking.reset();
+}
+
 TEST_F(Connections, AnswerNobodyWhenAllHaveGone) {
   std::unique_ptr<mivo::LateReply> late;
   Event taken;
