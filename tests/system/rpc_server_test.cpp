@@ -331,23 +331,26 @@ TEST(RpcLoop, OfAClientServesTheServersCalls) {
   EXPECT_EQ(asked.get(), 7);
 }
 
+// Not by a future: who has the exception that it shares is counted where a thread sanitizer does not see it.
 TEST(RpcLoop, AnswersWhatItDrops) {
+  std::string code;
+  Event told;
   auto loop = std::make_unique<mivo::Loop>();
   const std::string address = OwnAddress();
   mivo::Server server;
   server.on("show", (*loop)([] { return 1; }));
   server.listen(address);
   mivo::Client client(address);
-  std::future<int> shown = client.async<int>("show");
+  const auto tell = [&](const mivo::Result<int>& result) {
+    code = result ? "a result" : result.error().code();
+    told.Signal();
+  };
+  client.then<int>(tell, "show");
   pollfd readable{loop->descriptor(), POLLIN, 0};
   ASSERT_EQ(poll(&readable, 1, static_cast<int>(mivo_test::kPatience.count())), 1);
   loop.reset();
-  try {
-    shown.get();
-    FAIL();
-  } catch (const mivo::Error& error) {
-    EXPECT_EQ(error.code(), mivo::kStoppingCode);
-  }
+  ASSERT_TRUE(told.WaitFor());
+  EXPECT_EQ(code, mivo::kStoppingCode);
 }
 
 TEST(RpcLoop, RunsNothingOfAServerThatHasEnded) {
