@@ -267,7 +267,8 @@ check "finds libuv through its CMake package" finds_libuv_through_its_cmake_pack
 check "refuses a libuv that is too old" refuses_an_old_libuv
 while IFS= read -r example; do
   check "builds against the installed library: ${example#"$source_dir"/}" example_builds "$example"
-done < <(find "$source_dir/examples" -name '*.cpp' | sort)
+  # Those in loops/ need a library of somebody else's as well.
+done < <(find "$source_dir/examples" -name '*.cpp' ! -path '*/loops/*' | sort)
 
 printf '%d passed, %d failed\n' $passed $failed
 ((failed == 0))
