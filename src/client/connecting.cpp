@@ -53,7 +53,8 @@ bool MIVOClient::Init(Endpoint endpoint) {
 int MIVOClient::Connect(Endpoint endpoint, int timeout_ms) {
   if (const int status = MayConnect(); status < 0) return status;
   MutexLock lock(init_mutex_);
-  const std::int64_t deadline_ms = timeout_ms < 1 ? 0 : NowMs() + timeout_ms;
+  // The clock leaves off a part of a millisecond; a deadline does not come early for that.
+  const std::int64_t deadline_ms = timeout_ms < 1 ? 0 : NowMs() + 1 + timeout_ms;
   if (const int status = Open(std::move(endpoint), deadline_ms); status < 0) return status;
   const int left_ms = deadline_ms == 0 ? 0 : static_cast<int>(std::max<std::int64_t>(1, deadline_ms - NowMs()));
   const int status = CheckServer(Turn::kNone, left_ms);
