@@ -90,8 +90,19 @@ class Connections : public testing::Test {
     return reply.ParamsSize() == 0 ? 0 : reply.GetValue(0)->GetInt();
   }
 
+  // The server's "ask" answers what the asking client's "yours" does.
+  void OfferAsk() {
+    server_->SetCustomReleaseEvent();
+    server_->method("ask", &ask_);
+  }
+
   const StdoutCapture out_;
   const std::string path_ = OwnPath();
+  Method ask_{[this](int id, MIVOParams*, MIVOParams* reply) {
+    MIVOParams answer;
+    EXPECT_EQ(mivo::Call(*server_, id, "yours", nullptr, 20000, answer), mivo::CallOutcome::kAnswered);
+    reply->AddInt(answer.GetValue(0)->GetInt());
+  }};
   Server server_{CreateServer()};
   Client client_{CreateClient()};
 };
@@ -174,13 +185,7 @@ TEST_F(Connections, KeepTheHandlersWhenTheyAreRefused) {
   client_->SetCustomReleaseEvent();
   client_->method("yours", &yours);
   EXPECT_EQ(Connect(), -ENOENT);
-  Method ask([&](int id, MIVOParams*, MIVOParams* reply) {
-    MIVOParams answer;
-    EXPECT_EQ(mivo::Call(*server_, id, "yours", nullptr, 20000, answer), mivo::CallOutcome::kAnswered);
-    reply->AddInt(answer.GetValue(0)->GetInt());
-  });
-  server_->SetCustomReleaseEvent();
-  server_->method("ask", &ask);
+  OfferAsk();
   ASSERT_EQ(Listen(), 0);
   const Serving serving(*server_);
   ASSERT_EQ(Connect(), 0);
@@ -268,13 +273,7 @@ TEST_F(Connections, AnswerLaterAlsoToAServer) {
   });
   client_->SetCustomReleaseEvent();
   client_->method("yours", &yours);
-  Method ask([&](int id, MIVOParams*, MIVOParams* reply) {
-    MIVOParams answer;
-    EXPECT_EQ(mivo::Call(*server_, id, "yours", nullptr, 20000, answer), mivo::CallOutcome::kAnswered);
-    reply->AddInt(answer.GetValue(0)->GetInt());
-  });
-  server_->SetCustomReleaseEvent();
-  server_->method("ask", &ask);
+  OfferAsk();
   ASSERT_EQ(Listen(), 0);
   const Serving serving(*server_);
   ASSERT_EQ(Connect(), 0);

@@ -115,6 +115,24 @@ class CallWatch {
   std::size_t request_bytes_ = 0;
 };
 
+// The result of a call, or what the call has come to, thrown; either is told to whoever looks on.
+template <class T>
+T ResultOf(const std::string& name, CallOutcome outcome, const MIVOParams& reply, const CallWatch& watch) {
+  try {
+    RequireResult(name, outcome, reply);
+    if constexpr (std::is_void_v<T>) {
+      watch.End(&reply, nullptr);
+    } else {
+      T result = ReadResult<T>(name, reply);
+      watch.End(&reply, nullptr);
+      return result;
+    }
+  } catch (const Error& error) {
+    watch.End(&reply, &error);
+    throw;
+  }
+}
+
 // A completion of a call that is looked on.
 class WatchedCompletion : public CallCompletion {
  public:
@@ -127,19 +145,7 @@ class WatchedCompletion : public CallCompletion {
   // Reads the result, or throws what the call has come to.
   template <class T>
   T Take(CallOutcome outcome, const MIVOParams& reply) const {
-    try {
-      RequireResult(name_, outcome, reply);
-      if constexpr (std::is_void_v<T>) {
-        watch_->End(&reply, nullptr);
-      } else {
-        T result = ReadResult<T>(name_, reply);
-        watch_->End(&reply, nullptr);
-        return result;
-      }
-    } catch (const Error& error) {
-      watch_->End(&reply, &error);
-      throw;
-    }
+    return ResultOf<T>(name_, outcome, reply, *watch_);
   }
 
  private:
@@ -153,10 +159,10 @@ class FunctionCompletion final : public WatchedCompletion {
  public:
   FunctionCompletion(std::string name, Function function)
       : WatchedCompletion(std::move(name)), function_(std::move(function)) {}
-  void OnCompleted(CallOutcome outcome, MIVOParams& reply) override { function_(ResultOf(outcome, reply)); }
+  void OnCompleted(CallOutcome outcome, MIVOParams& reply) override { function_(ValueOrError(outcome, reply)); }
 
  private:
-  Result<T> ResultOf(CallOutcome outcome, const MIVOParams& reply) const {
+  Result<T> ValueOrError(CallOutcome outcome, const MIVOParams& reply) const {
     try {
       if constexpr (std::is_void_v<T>) {
         Take<T>(outcome, reply);
@@ -218,19 +224,8 @@ class Calls {
     rpc::AddArguments(request, arguments...);
     const rpc::CallWatch watch(target_.observer(), Observation::Direction::kCall, name, request);
     MIVOParams reply;
-    try {
-      rpc::RequireResult(name, target_.Call(name.c_str(), request, terms_, reply), reply);
-      if constexpr (std::is_void_v<T>) {
-        watch.End(&reply, nullptr);
-      } else {
-        T result = rpc::ReadResult<T>(name, reply);
-        watch.End(&reply, nullptr);
-        return result;
-      }
-    } catch (const Error& error) {
-      watch.End(&reply, &error);
-      throw;
-    }
+    const CallOutcome outcome = target_.Call(name.c_str(), request, terms_, reply);
+    return rpc::ResultOf<T>(name, outcome, reply, watch);
   }
 
   // The same without throwing what the call has come to.
@@ -291,7 +286,7 @@ class Calls {
   CallTerms terms_;
 };
 
-// What a server offers, by name; for tools. NoSuchMethod if it does not tell. A client does not, and is silent.
+// What a server or a client offers, by name; for tools. NoSuchMethod if it does not tell.
 template <class Peer>
 std::vector<Method> methods(const Peer& peer) {
   return peer.template call<std::vector<Method>>(rpc::kMethodsMethod);

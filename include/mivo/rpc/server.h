@@ -265,6 +265,7 @@ class Server {
       // Also until the last answers are on their way.
       const bool is_done = running.empty() && RequestsUnderWay(*parts.server) == 0;
       if (is_done || std::chrono::steady_clock::now() >= end) return running;
+      // Nobody tells when an answer has left: it is not worth anything on the path of a call.
       std::this_thread::sleep_for(kStep);
     }
   }
