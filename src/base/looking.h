@@ -31,8 +31,12 @@ class Looking {
   // Between two looks. `now_ns` is the time.
   void GiveAway(std::int64_t now_ns) {
     ::sched_yield();
-    const std::int64_t back_ns = NowNs();
-    if (back_ns - now_ns <= kCrowdedNs) return;
+    WasAway(now_ns, NowNs());
+  }
+
+  // What GiveAway makes of it: the processor was somebody else's from then until `back_ns`.
+  void WasAway(std::int64_t away_ns, std::int64_t back_ns) {
+    if (back_ns - away_ns <= kCrowdedNs) return;
     const bool was_crowded_before = back_ns - crowded_ns_ < kTogetherNs;
     crowded_ns_ = back_ns;
     if (!was_crowded_before) return;

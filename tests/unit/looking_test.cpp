@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
 
 #include "base/clock.h"
@@ -15,12 +16,12 @@ constexpr std::int64_t kPatience = 50 * kUs;
 constexpr std::int64_t kShortestPause = 20 * kMs;
 constexpr std::int64_t kLongestPause = 1000 * kMs;
 
-// The time is given by hand: a look away that began `ago` has taken at least as long.
-void GiveAwaySince(Looking& looking, std::int64_t ago) {
-  looking.GiveAway(NowNs() - ago);
+// A look away of a millisecond that ends at `back`.
+void WasAwayUntil(Looking& looking, std::int64_t back) {
+  looking.WasAway(back - kMs, back);
 }
 
-// Until when looking is left, to the microsecond; 0 if it is not.
+// Until when looking is left; 0 if it is not.
 std::int64_t LeftUntil(Looking looking) {
   const auto may_at = [&looking](std::int64_t time_ns) {
     looking.Saw(time_ns);
@@ -28,9 +29,9 @@ std::int64_t LeftUntil(Looking looking) {
   };
   std::int64_t no = 0;
   if (may_at(no)) return 0;
-  std::int64_t yes = NowNs() + 10 * kLongestPause;
+  std::int64_t yes = NowNs() + 100 * kLongestPause;
   EXPECT_TRUE(may_at(yes));
-  while (yes - no > kUs) {
+  while (yes - no > 1) {
     const std::int64_t middle = no + (yes - no) / 2;
     (may_at(middle) ? yes : no) = middle;
   }
@@ -61,55 +62,59 @@ TEST(Looking, EndsWhenNothingHasComeForAWhile) {
 
 TEST(Looking, IsLeftForAWhileWhenTwoLooksAwayWereLong) {
   Looking looking;
-  GiveAwaySince(looking, kMs);
-  const std::int64_t before = NowNs();
-  GiveAwaySince(looking, kMs);
-  const std::int64_t after = NowNs();
-  const std::int64_t until = LeftUntil(looking);
-  EXPECT_GE(until, before + kShortestPause);
-  EXPECT_LE(until, after + kShortestPause + kUs);
+  const std::int64_t now = NowNs();
+  WasAwayUntil(looking, now);
+  EXPECT_EQ(LeftUntil(looking), 0);
+  WasAwayUntil(looking, now + 2 * kMs);
+  EXPECT_EQ(LeftUntil(looking), now + 2 * kMs + kShortestPause);
 }
 
-TEST(Looking, GoesOnAfterOneThatWasLong) {
-  // Where the machine holds this thread up by itself, there may have been two: one time without that is enough.
-  bool went_on = false;
-  for (int i = 0; i < 1000 && !went_on; ++i) {
-    Looking looking;
-    GiveAwaySince(looking, kMs);
-    went_on = LeftUntil(looking) == 0;
-  }
-  EXPECT_TRUE(went_on);
+TEST(Looking, GoesOnWhenTheyWereLongButFarApart) {
+  Looking looking;
+  const std::int64_t now = NowNs();
+  WasAwayUntil(looking, now);
+  WasAwayUntil(looking, now + 10 * kMs);
+  EXPECT_EQ(LeftUntil(looking), 0);
 }
 
 TEST(Looking, IsLeftForTwiceAsLongEachTimeUpToASecond) {
   Looking looking;
-  GiveAwaySince(looking, kMs);
+  std::int64_t now = NowNs();
+  WasAwayUntil(looking, now);
   for (std::int64_t pause = kShortestPause; pause < 4 * kLongestPause; pause *= 2) {
-    const std::int64_t before = NowNs();
-    GiveAwaySince(looking, kMs);
-    const std::int64_t after = NowNs();
-    const std::int64_t expected = pause < kLongestPause ? pause : kLongestPause;
-    EXPECT_GE(LeftUntil(looking), before + expected) << pause;
-    EXPECT_LE(LeftUntil(looking), after + expected + kUs) << pause;
+    now += 2 * kMs;
+    WasAwayUntil(looking, now);
+    EXPECT_EQ(LeftUntil(looking), now + std::min(pause, kLongestPause)) << pause;
   }
 }
 
+TEST(Looking, IsLeftForAShortWhileAgainWhenItHasGoneWellForLong) {
+  Looking looking;
+  std::int64_t now = NowNs();
+  for (int i = 0; i < 4; ++i) {
+    WasAwayUntil(looking, now);
+    now += 2 * kMs;
+  }
+  now = LeftUntil(looking) + 2 * kLongestPause + 10 * kMs;
+  WasAwayUntil(looking, now);
+  WasAwayUntil(looking, now + 2 * kMs);
+  EXPECT_EQ(LeftUntil(looking), now + 2 * kMs + kShortestPause);
+}
+
 TEST(Looking, GoesOnWhenTheProcessorIsFree) {
-  // On a busy machine a single look away may be long: one short one is enough.
-  bool was_short = false;
-  for (int i = 0; i < 10000 && !was_short; ++i) {
+  // On a busy machine any look away may be long: two short ones are enough.
+  bool went_on = false;
+  for (int i = 0; i < 10000 && !went_on; ++i) {
     Looking looking;
     const std::int64_t now = NowNs();
-    looking.GiveAway(now);
-    was_short = LeftUntil(looking) == 0;
-    if (was_short) {
-      looking.Saw(now);
-      EXPECT_TRUE(looking.MayGoOn(now));
-    } else {
-      EXPECT_GE(NowNs() - now, 200 * kUs);
+    looking.GiveAway(NowNs());
+    looking.GiveAway(NowNs());
+    went_on = LeftUntil(looking) == 0;
+    if (!went_on) {
+      EXPECT_GE(NowNs() - now, 400 * kUs);
     }
   }
-  EXPECT_TRUE(was_short);
+  EXPECT_TRUE(went_on);
 }
 
 }  // namespace
