@@ -2,6 +2,7 @@
 #include <mivo/rpc.h>
 
 #include <iostream>
+#include <set>
 
 struct Job {
   std::string name, state;

@@ -5,6 +5,7 @@
 #include <mivo/calls.h>
 #include <mivo/handler.h>
 #include <mivo/params.h>
+#include <mivo/rpc/boundary.h>
 #include <mivo/rpc/error.h>
 #include <mivo/rpc/host.h>
 #include <mivo/rpc/message.h>
@@ -140,18 +141,12 @@ class QueueHandler : public Handler, public IInOrderMethod {
   IServerMethod* method() override { return this; }
 
   void OnCall(int connection_id, MIVOParams* request, MIVOParams* reply) override {
-    std::shared_ptr<LateReply> late(ReplyLater());
+    std::unique_ptr<LateReply> late(ReplyLater());
+    if (late != nullptr) return Begin(connection_id, *request, std::move(late));
     // That of a large message is to be there when this returns.
-    const bool is_awaited = late == nullptr;
     std::promise<void> done;
-    if (is_awaited) late = std::make_shared<ReplyHere>(*reply, done);
-
-    auto work =
-        std::make_shared<Work>(std::static_pointer_cast<QueueHandler>(shared_from_this()), *request, std::move(late));
-    if (work->Read(connection_id, *request)) queue_->Push([work] { work->Execute(); });
-    // Answered by now, or by whoever works on it.
-    work.reset();
-    if (is_awaited) done.get_future().wait();
+    Begin(connection_id, *request, std::make_unique<ReplyHere>(*reply, done));
+    done.get_future().wait();
   }
 
  protected:
@@ -166,11 +161,11 @@ class QueueHandler : public Handler, public IInOrderMethod {
 
  private:
   // One request, until it is answered: at its end at the latest.
-  class Work {
+  class Work final : public Task {
    public:
-    Work(std::shared_ptr<QueueHandler> handler, const MIVOParams& request, std::shared_ptr<LateReply> reply)
+    Work(std::shared_ptr<QueueHandler> handler, const MIVOParams& request, std::unique_ptr<LateReply> reply)
         : handler_(std::move(handler)), run_(*handler_, request), reply_(std::move(reply)) {}
-    ~Work() {
+    ~Work() override {
       if (reply_ == nullptr) return;
       MIVOParams result;
       run_.Fail(result, kStoppingCode, handler_->name() + ": its thread has ended");
@@ -189,7 +184,7 @@ class QueueHandler : public Handler, public IInOrderMethod {
       return is_fine;
     }
 
-    void Execute() {
+    void Run() override {
       const Gate::Pass pass(handler_->host().gate);
       // Its object has ended, and with it whoever has asked.
       if (!pass) return;
@@ -205,8 +200,8 @@ class QueueHandler : public Handler, public IInOrderMethod {
     }
 
     const std::shared_ptr<QueueHandler> handler_;
-    Run run_;
-    std::shared_ptr<LateReply> reply_;
+    Handler::Run run_;
+    std::unique_ptr<LateReply> reply_;
     std::unique_ptr<ReadCall> call_;
   };
 
@@ -221,7 +216,26 @@ class QueueHandler : public Handler, public IInOrderMethod {
     std::promise<void>& done_;
   };
 
+  void Begin(int connection_id, const MIVOParams& request, std::unique_ptr<LateReply> reply) {
+    auto work =
+        std::make_unique<Work>(std::static_pointer_cast<QueueHandler>(shared_from_this()), request, std::move(reply));
+    if (work->Read(connection_id, request)) queue_->Push(work.release());
+  }
+
   const std::shared_ptr<Queue> queue_;
+};
+
+// What the library keeps of a handler.
+class SharedHandler final : public OfferedHandler {
+ public:
+  explicit SharedHandler(std::shared_ptr<Handler> handler) : handler_(std::move(handler)) {}
+  const char* name() const override { return handler_->name().c_str(); }
+  IServerMethod* method() override { return handler_->method(); }
+  int running() const override { return handler_->running(); }
+  void Describe(MIVOParams& list) const override { Codec<Method>::Write(Slot(list), handler_->Describe()); }
+
+ private:
+  const std::shared_ptr<Handler> handler_;
 };
 
 }  // namespace rpc

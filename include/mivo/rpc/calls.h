@@ -6,6 +6,7 @@
 #include <mivo/rpc/host.h>
 #include <mivo/rpc/message.h>
 #include <mivo/rpc/observation.h>
+#include <mivo/rpc/wire_names.h>
 
 #include <chrono>
 #include <future>

@@ -2,6 +2,8 @@
 #ifndef MIVO_RPC_ERROR_H_
 #define MIVO_RPC_ERROR_H_
 
+#include <mivo/rpc/wire_names.h>
+
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -48,7 +50,7 @@ class Disconnected : public Error {
 // offer: such a call ends with NoAnswer.
 class NoSuchMethod : public Error {
  public:
-  static constexpr const char* kCode = "mivo.no_such_method";
+  static constexpr const char* kCode = rpc::kNoSuchMethodCode;
   explicit NoSuchMethod(const std::string& text) : Error(kCode, text) {}
 };
 

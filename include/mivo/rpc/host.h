@@ -2,6 +2,7 @@
 #ifndef MIVO_RPC_HOST_H_
 #define MIVO_RPC_HOST_H_
 
+#include <mivo/rpc/boundary.h>
 #include <mivo/rpc/fields.h>
 #include <mivo/rpc/observation.h>
 
@@ -31,9 +32,11 @@ MIVO_FIELDS(Method, name, result, parameters, parameter_names, text)
 
 namespace rpc {
 
-inline constexpr const char* kMethodsMethod = "s_c_methods";
-// Of a client: called in place of handlers that it lacks.
-inline constexpr const char* kUnknownMethod = "s_c_unknown";
+class StringSink final : public TextSink {
+ public:
+  std::string text;
+  void Take(const char* bytes, std::size_t length) override { text.assign(bytes, length); }
+};
 
 // Lets work in until it is closed, and is closed when the last that was let in has left.
 class Gate {

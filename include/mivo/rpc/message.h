@@ -6,6 +6,7 @@
 #include <mivo/params.h>
 #include <mivo/rpc/codec.h>
 #include <mivo/rpc/error.h>
+#include <mivo/rpc/wire_names.h>
 
 #include <string>
 #include <tuple>
@@ -14,9 +15,6 @@
 
 namespace mivo {
 namespace rpc {
-
-inline constexpr const char* kErrorKey = "s_c_error";
-inline constexpr const char* kErrorTextKey = "s_c_error_text";
 
 // What a peer that knows nothing of this layer answers to a name it does not have.
 inline constexpr std::string_view kNoEvent = "no event: ";

@@ -6,11 +6,9 @@
 #include <chrono>
 #include <cstddef>
 #include <functional>
-#include <memory>
 #include <mutex>
 #include <string_view>
 #include <utility>
-#include <vector>
 
 namespace mivo {
 
@@ -38,18 +36,31 @@ namespace rpc {
 
 class ObserverSlot {
  public:
+  ObserverSlot() = default;
+  ObserverSlot(const ObserverSlot&) = delete;
+  ObserverSlot& operator=(const ObserverSlot&) = delete;
+  ~ObserverSlot() {
+    while (last_ != nullptr)
+      delete std::exchange(last_, last_->before);
+  }
+
   // One that is replaced stays until the end, for it may be running.
   void Set(Observer observer) {
     const std::lock_guard<std::mutex> lock(mutex_);
     if (!observer) return current_.store(nullptr);
-    all_.push_back(std::make_unique<Observer>(std::move(observer)));
-    current_.store(all_.back().get());
+    last_ = new Kept{std::move(observer), last_};
+    current_.store(&last_->observer);
   }
   const Observer* Get() const { return current_.load(std::memory_order_acquire); }
 
  private:
+  struct Kept {
+    Observer observer;
+    Kept* before;
+  };
+
   std::mutex mutex_;
-  std::vector<std::unique_ptr<Observer>> all_;
+  Kept* last_ = nullptr;
   std::atomic<const Observer*> current_{nullptr};
 };
 

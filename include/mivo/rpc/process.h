@@ -16,15 +16,6 @@ class ProcessMark {
   const pid_t process_ = ::getpid();
 };
 
-// Deletes what has a ProcessMark `process`, but not in a child: what its threads were waiting for would be waited for
-// there, too, for ever.
-struct DeleteInOwnProcess {
-  template <class T>
-  void operator()(T* object) const {
-    if (object->process.IsThisProcess()) delete object;
-  }
-};
-
 }  // namespace rpc
 }  // namespace mivo
 

@@ -11,34 +11,43 @@
 #ifndef MIVO_RPC_QUEUE_H_
 #define MIVO_RPC_QUEUE_H_
 
+#include <mivo/export.h>
 #include <mivo/rpc/process.h>
 #include <mivo/rpc/signature.h>
 
-#include <sys/eventfd.h>
-#include <unistd.h>
-
-#include <atomic>
-#include <cerrno>
-#include <condition_variable>
-#include <cstdint>
-#include <deque>
-#include <functional>
+#include <cstddef>
 #include <memory>
-#include <mutex>
 #include <system_error>
-#include <thread>
 #include <utility>
 
 namespace mivo {
 namespace rpc {
 
-// Takes work for a thread. Any thread pushes.
-class Queue {
+// Something to be done for a request. Nothing of it throws.
+class MIVO_EXPORT Task {
+ public:
+  virtual ~Task() = default;
+  virtual void Run() = 0;
+};
+
+// Runs tasks, on a thread of its own or on that of whoever drains it.
+class MIVO_EXPORT Queue {
  public:
   virtual ~Queue() = default;
-  // False: nothing will run any more, and `task` is not kept.
-  virtual bool Push(std::function<void()> task) = 0;
+  // Any thread. Takes the task, and deletes it once it has run, or cannot run any more.
+  virtual void Push(Task* task) = 0;
+  // Runs what waits, on this thread; how many they were. Of one with a thread of its own: none.
+  virtual std::size_t Drain() = 0;
+  // Readable while something waits for Drain; -1 if nothing ever does.
+  virtual int descriptor() const = 0;
+  // Nothing is taken any more. One with a thread runs what waits, and waits for it unless this is that thread; another
+  // drops it.
+  virtual void End() = 0;
 };
+
+// Null, and an errno in `error`, if there is no thread, or no descriptor, to be had.
+MIVO_EXPORT Queue* CreateSerialQueue(int* error);
+MIVO_EXPORT Queue* CreateLoopQueue(int* error);
 
 // A function that runs where its queue says.
 template <class Function>
@@ -49,105 +58,34 @@ struct Queued {
 template <class Function>
 struct Signature<Queued<Function>, void> : Signature<Function> {};
 
-class SerialQueue final : public Queue {
+// What an application keeps of a queue. Handlers may keep it longer.
+class QueueOwner {
  public:
-  const ProcessMark process;
-
-  SerialQueue() : thread_([this] { Run(); }) {}
-  ~SerialQueue() override {
-    // The last handler that knew of this may be gone on the thread itself.
-    if (thread_.joinable()) thread_.detach();
+  explicit QueueOwner(Queue* (*create)(int* error)) {
+    int error = 0;
+    Queue* const queue = create(&error);
+    if (queue == nullptr) throw std::system_error(error, std::generic_category(), "mivo: a queue of handlers");
+    queue_ = std::shared_ptr<Queue>(queue, Release());
   }
-
-  bool Push(std::function<void()> task) override {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    if (has_ended_) return false;
-    tasks_.push_back(std::move(task));
-    wake_.notify_one();
-    return true;
+  ~QueueOwner() {
+    if (process_.IsThisProcess()) queue_->End();
   }
+  QueueOwner(const QueueOwner&) = delete;
+  QueueOwner& operator=(const QueueOwner&) = delete;
 
-  // Runs what was pushed before, and waits for it unless this is the thread itself.
-  void End() {
-    if (!process.IsThisProcess()) return;
-    {
-      const std::lock_guard<std::mutex> lock(mutex_);
-      has_ended_ = true;
-      wake_.notify_one();
-    }
-    if (thread_.joinable() && thread_.get_id() != std::this_thread::get_id()) thread_.join();
-  }
+  const std::shared_ptr<Queue>& get() const { return queue_; }
 
  private:
-  void Run() {
-    std::unique_lock<std::mutex> lock(mutex_);
-    for (;;) {
-      wake_.wait(lock, [this] { return has_ended_ || !tasks_.empty(); });
-      if (tasks_.empty()) return;
-      std::function<void()> task = std::move(tasks_.front());
-      tasks_.pop_front();
-      lock.unlock();
-      task();
-      task = nullptr;
-      lock.lock();
+  // Not in a child of fork, where its thread is missing.
+  struct Release {
+    ProcessMark process;
+    void operator()(Queue* queue) const {
+      if (process.IsThisProcess()) delete queue;
     }
-  }
+  };
 
-  std::mutex mutex_;
-  std::condition_variable wake_;
-  std::deque<std::function<void()>> tasks_;
-  bool has_ended_ = false;
-  std::thread thread_;
-};
-
-class LoopQueue final : public Queue {
- public:
-  LoopQueue() : event_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
-    if (event_ < 0) throw std::system_error(errno, std::generic_category(), "eventfd");
-  }
-  ~LoopQueue() override { ::close(event_); }
-
-  bool Push(std::function<void()> task) override {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    if (has_ended_) return false;
-    tasks_.push_back(std::move(task));
-    const std::uint64_t one = 1;
-    // A full counter is readable already.
-    [[maybe_unused]] const ssize_t written = ::write(event_, &one, sizeof one);
-    return true;
-  }
-
-  std::size_t Drain() {
-    std::deque<std::function<void()>> tasks;
-    {
-      const std::lock_guard<std::mutex> lock(mutex_);
-      std::uint64_t count = 0;
-      [[maybe_unused]] const ssize_t taken = ::read(event_, &count, sizeof count);
-      tasks.swap(tasks_);
-    }
-    const std::size_t count = tasks.size();
-    while (!tasks.empty()) {
-      const std::function<void()> task = std::move(tasks.front());
-      tasks.pop_front();
-      task();
-    }
-    return count;
-  }
-
-  void End() {
-    std::deque<std::function<void()>> dropped;
-    const std::lock_guard<std::mutex> lock(mutex_);
-    has_ended_ = true;
-    dropped.swap(tasks_);
-  }
-
-  int descriptor() const { return event_; }
-
- private:
-  const int event_;
-  std::mutex mutex_;
-  std::deque<std::function<void()>> tasks_;
-  bool has_ended_ = false;
+  const ProcessMark process_;
+  std::shared_ptr<Queue> queue_;
 };
 
 }  // namespace rpc
@@ -157,42 +95,36 @@ class LoopQueue final : public Queue {
 // in one of its own handlers.
 class Serial {
  public:
-  Serial() : queue_(new rpc::SerialQueue, rpc::DeleteInOwnProcess()) {}
-  ~Serial() { queue_->End(); }
-  Serial(const Serial&) = delete;
-  Serial& operator=(const Serial&) = delete;
+  Serial() : queue_(rpc::CreateSerialQueue) {}
 
   template <class Function>
   rpc::Queued<Function> operator()(Function handler) const {
-    return {queue_, std::move(handler)};
+    return {queue_.get(), std::move(handler)};
   }
 
  private:
-  const std::shared_ptr<rpc::SerialQueue> queue_;
+  const rpc::QueueOwner queue_;
 };
 
 // Handlers in the application's own loop. Requests wait until some thread calls drain(). Destroyed, it drops what
 // waits; that is answered with an error, and so is what comes later.
 class Loop {
  public:
-  Loop() : queue_(std::make_shared<rpc::LoopQueue>()) {}
-  ~Loop() { queue_->End(); }
-  Loop(const Loop&) = delete;
-  Loop& operator=(const Loop&) = delete;
+  Loop() : queue_(rpc::CreateLoopQueue) {}
 
   template <class Function>
   rpc::Queued<Function> operator()(Function handler) const {
-    return {queue_, std::move(handler)};
+    return {queue_.get(), std::move(handler)};
   }
 
   // To be watched for reading, and not to be read from.
-  int descriptor() const { return queue_->descriptor(); }
+  int descriptor() const { return queue_.get()->descriptor(); }
 
   // Runs the handlers that wait, on this thread; returns how many. Does not wait itself.
-  std::size_t drain() const { return queue_->Drain(); }
+  std::size_t drain() const { return queue_.get()->Drain(); }
 
  private:
-  const std::shared_ptr<rpc::LoopQueue> queue_;
+  const rpc::QueueOwner queue_;
 };
 
 }  // namespace mivo
