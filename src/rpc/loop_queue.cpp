@@ -50,13 +50,10 @@ void LoopQueue::End() {
   dropped.swap(tasks_);
 }
 
-Queue* CreateLoopQueue(int* error) {
+QueueOrError CreateLoopQueue() {
   auto queue = std::make_unique<LoopQueue>();
-  if (queue->descriptor() < 0) {
-    *error = errno;
-    return nullptr;
-  }
-  return queue.release();
+  if (queue->descriptor() < 0) return {nullptr, errno};
+  return {queue.release(), 0};
 }
 
 }  // namespace rpc

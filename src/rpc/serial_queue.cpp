@@ -46,12 +46,11 @@ void SerialQueue::Run() {
   mutex_.unlock();
 }
 
-Queue* CreateSerialQueue(int* error) {
+QueueOrError CreateSerialQueue() {
   try {
-    return new SerialQueue;
-  } catch (const std::system_error& thrown) {
-    *error = thrown.code().value();
-    return nullptr;
+    return {new SerialQueue, 0};
+  } catch (const std::system_error& error) {
+    return {nullptr, error.code().value()};
   }
 }
 

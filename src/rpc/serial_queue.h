@@ -2,7 +2,7 @@
 #ifndef MIVO_RPC_SERIAL_QUEUE_H_
 #define MIVO_RPC_SERIAL_QUEUE_H_
 
-#include <mivo/rpc/queue.h>
+#include <mivo/rpc/task_queue.h>
 
 #include <deque>
 #include <memory>

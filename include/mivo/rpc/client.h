@@ -121,8 +121,8 @@ class Client : public Calls<rpc::ServerTarget> {
       : Client(PartsOwner(new rpc::ClientParts(address, options)), options.deadline) {}
   Client(const std::string& address, Deadline deadline) : Client(address, WithDeadline(deadline)) {}
   Client(Client&&) = default;
-  // What waits is woken with Disconnected, or NotConnected if it waits to be sent; waits for handlers that run. A static
-  // one may also go by an exit() in a handler of its own: there it waits for nobody.
+  // What waits is woken with Disconnected, or NotConnected if it waits to be sent; waits for handlers that run. A
+  // static one may also go by an exit() in a handler of its own: there it waits for nobody.
   ~Client() = default;
 
   bool is_connected() const { return parts_->link().is_ready(); }

@@ -11,9 +11,9 @@
 #ifndef MIVO_RPC_QUEUE_H_
 #define MIVO_RPC_QUEUE_H_
 
-#include <mivo/export.h>
 #include <mivo/rpc/process.h>
 #include <mivo/rpc/signature.h>
+#include <mivo/rpc/task_queue.h>
 
 #include <cstddef>
 #include <memory>
@@ -22,32 +22,6 @@
 
 namespace mivo {
 namespace rpc {
-
-// Something to be done for a request. Nothing of it throws.
-class MIVO_EXPORT Task {
- public:
-  virtual ~Task() = default;
-  virtual void Run() = 0;
-};
-
-// Runs tasks, on a thread of its own or on that of whoever drains it.
-class MIVO_EXPORT Queue {
- public:
-  virtual ~Queue() = default;
-  // Any thread. Takes the task, and deletes it once it has run, or cannot run any more.
-  virtual void Push(Task* task) = 0;
-  // Runs what waits, on this thread; how many they were. Of one with a thread of its own: none.
-  virtual std::size_t Drain() = 0;
-  // Readable while something waits for Drain; -1 if nothing ever does.
-  virtual int descriptor() const = 0;
-  // Nothing is taken any more. One with a thread runs what waits, and waits for it unless this is that thread; another
-  // drops it.
-  virtual void End() = 0;
-};
-
-// Null, and an errno in `error`, if there is no thread, or no descriptor, to be had.
-MIVO_EXPORT Queue* CreateSerialQueue(int* error);
-MIVO_EXPORT Queue* CreateLoopQueue(int* error);
 
 // A function that runs where its queue says.
 template <class Function>
@@ -61,11 +35,11 @@ struct Signature<Queued<Function>, void> : Signature<Function> {};
 // What an application keeps of a queue. Handlers may keep it longer.
 class QueueOwner {
  public:
-  explicit QueueOwner(Queue* (*create)(int* error)) {
-    int error = 0;
-    Queue* const queue = create(&error);
-    if (queue == nullptr) throw std::system_error(error, std::generic_category(), "mivo: a queue of handlers");
-    queue_ = std::shared_ptr<Queue>(queue, Release());
+  // Throws std::system_error if there is none.
+  explicit QueueOwner(QueueOrError made) : queue_(made.queue, Release()) {
+    if (made.queue == nullptr) {
+      throw std::system_error(made.error, std::generic_category(), "mivo: a queue for handlers");
+    }
   }
   ~QueueOwner() {
     if (process_.IsThisProcess()) queue_->End();
@@ -85,7 +59,7 @@ class QueueOwner {
   };
 
   const ProcessMark process_;
-  std::shared_ptr<Queue> queue_;
+  const std::shared_ptr<Queue> queue_;
 };
 
 }  // namespace rpc
@@ -95,7 +69,7 @@ class QueueOwner {
 // in one of its own handlers.
 class Serial {
  public:
-  Serial() : queue_(rpc::CreateSerialQueue) {}
+  Serial() : queue_(rpc::CreateSerialQueue()) {}
 
   template <class Function>
   rpc::Queued<Function> operator()(Function handler) const {
@@ -110,7 +84,7 @@ class Serial {
 // waits; that is answered with an error, and so is what comes later.
 class Loop {
  public:
-  Loop() : queue_(rpc::CreateLoopQueue) {}
+  Loop() : queue_(rpc::CreateLoopQueue()) {}
 
   template <class Function>
   rpc::Queued<Function> operator()(Function handler) const {
