@@ -3,6 +3,7 @@
 
 #include "support/child_program.h"
 #include "support/role_outcome.h"
+#include "support/sanitizers.h"
 #include "support/transport.h"
 
 #include <gtest/gtest.h>
@@ -21,7 +22,7 @@ using namespace std::chrono_literals;
 
 namespace {
 
-constexpr int kTimes = 10;
+constexpr int kTimes = 10 / kScaledown;
 
 struct Visits {
   int count = 0;
