@@ -61,6 +61,7 @@ class ReadyFunction final : public ReadyAction {
 // What there is of a client once, wherever it is moved.
 class ClientParts {
  public:
+  ClientParts* left_before = nullptr;
   const ProcessMark process;
   const std::shared_ptr<Host> host = std::make_shared<Host>();
 
@@ -73,7 +74,7 @@ class ClientParts {
 
   // In a handler of its own there is no end that could be waited for.
   static void Delete(ClientParts* parts) {
-    if (!parts->process.IsThisProcess() || !parts->link_->End()) return;
+    if (!parts->process.IsThisProcess() || !parts->link_->End()) return LeaveBehind(parts);
     parts->host->gate.Close();
     parts->link_->Destroy();
     delete parts;

@@ -67,6 +67,7 @@ namespace rpc {
 // What there is of a server once, wherever it is moved.
 class ServerParts {
  public:
+  ServerParts* left_before = nullptr;
   const ProcessMark process;
   const std::shared_ptr<Host> host = std::make_shared<Host>();
 
@@ -85,7 +86,7 @@ class ServerParts {
     return true;
   }
   static void Delete(ServerParts* parts) {
-    if (!parts->Close()) return;
+    if (!parts->Close()) return LeaveBehind(parts);
     parts->service_->Destroy();
     delete parts;
   }
