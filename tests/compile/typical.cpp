@@ -1,5 +1,5 @@
-// What a user's file looks like that offers and calls methods: it is to compile without a warning, and quickly. Exit
-// status 0 when everything came back as it should.
+// What a user's file looks like that offers and calls methods: it is to compile without a warning. Exit status 0 when
+// everything came back as it should.
 #include <mivo/rpc.h>
 
 #include <chrono>

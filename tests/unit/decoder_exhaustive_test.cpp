@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "support/golden.h"
+#include "support/sanitizers.h"
 #include "unit/decoder_transcript.h"
 #include "values/encoder.h"
 
@@ -18,6 +19,7 @@ namespace {
 using mivo_test::Describe;
 using mivo_test::FromHex;
 using mivo_test::Golden;
+using mivo_test::kScaledown;
 using mivo_test::ToHex;
 using mivo_test::Transcript;
 using mivo_test::TranscriptOf;
@@ -214,7 +216,8 @@ TEST(DecoderExhaustive, AgreesOnEveryStartInsideTheEncoding) {
 TEST(DecoderExhaustive, AgreesOnEveryChangeOfOneByte) {
   const std::string bytes = RichEncoding();
   for (std::size_t at = 0; at < bytes.size(); ++at) {
-    for (int change = 1; change < 256; ++change) {
+    // Where not all of them are made, they are others at each place.
+    for (int change = 1 + static_cast<int>(at) % kScaledown; change < 256; change += kScaledown) {
       std::string changed = bytes;
       changed[at] = static_cast<char>(changed[at] ^ change);
       ASSERT_NO_FATAL_FAILURE(ExpectBothAgree(changed)) << "byte " << at << " xor " << change;
