@@ -287,6 +287,27 @@ TEST_F(RpcTypes, PlainClientsCallTypedHandlers) {
   }
 }
 
+TEST_F(RpcTypes, AnOptionalValueIsOneOrNone) {
+  server_.on("times", [](std::optional<int> times) { return times.value_or(-1); });
+  PlainClient plain(name_);
+  ASSERT_TRUE(plain.connected);
+  MIVOParams values;
+  for (int count = 0; count < 4; ++count) {
+    MIVOParams request;
+    request.AddStream(values.GetParamasPtr(), values.GetParamasSize());
+    const MIVOParams* const reply = plain.client->SendMsgFast("times", &request, 0, 10000);
+    if (count < 2) {
+      ASSERT_NE(reply->GetValue(0), nullptr);
+      EXPECT_EQ(reply->GetValue(0)->GetInt(), count == 0 ? -1 : 7);
+    } else {
+      ASSERT_NE(reply->GetMap("s_c_error_text"), nullptr) << count;
+      EXPECT_EQ(std::string(reply->GetMap("s_c_error_text")->GetString()),
+                "times: argument 1: expected an optional value, found " + std::to_string(count) + " values");
+    }
+    values.AddInt(7 + count);
+  }
+}
+
 struct PlainMethod : IServerMethod {
   void OnCall(int, MIVOParams* request, MIVOParams* reply) override {
     const MIVOValue* const list = request->GetValue(0);

@@ -128,6 +128,7 @@ struct Codec<std::optional<T>> {
     MIVOParams set;
     ReadSet(value, place, "an optional value", &set);
     if (set.ParamsSize() == 0) return std::nullopt;
+    if (set.ParamsSize() > 1) place.Fail("an optional value", std::to_string(set.ParamsSize()) + " values");
     return Codec<T>::Read(set.GetValue(0), place);
   }
 };
