@@ -34,7 +34,6 @@ class ClientLink final : public Link {
   bool reconnects() const override { return reconnects_; }
   bool is_ready() const override { return is_ready_ && !is_stopping_ && client_->isok(); }
   bool Offer(OfferedHandler* handler) override;
-  void Describe(bool on) override { offered_.Tell(on); }
   void OnReady(ReadyAction* action) override;
   void RetryNow() override;
   void LastError(TextSink& text) const override;

@@ -59,8 +59,7 @@ bool ServerService::Serve() {
 }
 
 bool ServerService::Close() {
-  const bool is_inside =
-      HandlerScope::Inside(dynamic_cast<const void*>(server_.get())) || std::this_thread::get_id() == thread_.get_id();
+  const bool is_inside = HandlerScope::Inside(dynamic_cast<const void*>(server_.get()));
   server_->close();
   if (is_inside) return false;
   if (thread_.joinable()) thread_.join();

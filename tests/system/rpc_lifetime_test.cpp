@@ -28,7 +28,7 @@ struct Visits {
   int count = 0;
 };
 
-// Only for as long as the test is patient.
+// Another thread ends the process meanwhile, or the test does when it is out of patience: there is nothing to wait for.
 void WaitForTheEnd() {
   for (;;)
     std::this_thread::sleep_for(1s);
@@ -38,6 +38,7 @@ void WaitForTheEnd() {
 struct Everything {
   explicit Everything(const std::string& name) {
     server.on("count", [this](mivo::Caller& caller) { return ++visits.of(caller)->count; });
+    // Still runs when the process ends.
     server.on("slow", [] { std::this_thread::sleep_for(20ms); });
     server.on("queued", serial([] { return 1; }));
     server.on("waiting", loop([] { return 1; }));

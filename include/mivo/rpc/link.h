@@ -35,8 +35,6 @@ class MIVO_EXPORT Link {
   // False if there is a handler of the name; then `handler` is deleted. What cannot be deleted while others run it
   // lives until Destroy.
   virtual bool Offer(OfferedHandler* handler) = 0;
-  // Whether clients of this one's methods are told of them.
-  virtual void Describe(bool on) = 0;
 
   // Of one that reconnects: once for each connection, on a thread of its own.
   virtual void OnReady(ReadyAction* action) = 0;
